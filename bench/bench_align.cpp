@@ -1,0 +1,1 @@
+// benchmarks of resampling and similarity

@@ -1,0 +1,1 @@
+/* affine_search: under construction */

@@ -1,0 +1,1 @@
+/* display_model: under construction */

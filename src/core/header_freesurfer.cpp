@@ -1,0 +1,1 @@
+/* header_freesurfer: under construction */

@@ -1,0 +1,1 @@
+/* header_nifti: under construction */

@@ -1,0 +1,1 @@
+/* header_quill: under construction */

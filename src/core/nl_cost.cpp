@@ -1,0 +1,1 @@
+/* nl_cost: under construction */

@@ -1,0 +1,1 @@
+/* nl_model: under construction */

@@ -1,0 +1,1 @@
+/* nl_search: under construction */

@@ -1,0 +1,1 @@
+/* overlay_ops: under construction */

@@ -1,0 +1,1 @@
+/* panel_model: under construction */

@@ -1,0 +1,1 @@
+/* persist: under construction */

@@ -1,0 +1,1 @@
+/* prepare: under construction */

@@ -1,0 +1,1 @@
+/* resample: under construction */

@@ -1,0 +1,1 @@
+/* side_files: under construction */

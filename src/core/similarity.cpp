@@ -1,0 +1,1 @@
+/* similarity: under construction */

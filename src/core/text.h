@@ -1,0 +1,22 @@
+#pragma once
+/* Line readers, the option scanner, the start-up file ".align", the start-up help and the
+   menu-driven help browser. Reads QOR_HOME and program_name. No X11. */
+
+#include <cstdio>
+
+/* One line of at most 1023 characters, newline kept; NULL at end of file.
+   Deliberate: always reads at most 1024 bytes whatever size says. */
+char *get_line(FILE *fp, char *buffer, int size);
+/* The same, then the line ends at its first '#'. */
+char *get_line_with_comment(FILE *fp, char *buffer, int size);
+
+/* Returns the option letter, 0 at the end, -1 for an unknown option. One static position. */
+int my_getopt(int argc, char **argv, const char *options, int *which_arg);
+/* Appends the words of the first line of ".align" (first word skipped) to arguments. */
+void read_program_init_file(const char *init_file_name, char arguments[][1024], int *myargc);
+
+/* Prints a help text: program_name + "-startup.txt" (which 0), "-interactive-help1.txt"
+   (variant 1) or "-interactive-help2.txt". */
+void action_help(int which, int variant);
+/* Interactive help browser on standard input; 0 after a quit, 1 after an error. */
+int help_menu(int chained, const char *file);

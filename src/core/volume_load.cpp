@@ -1,0 +1,1 @@
+/* volume_load: under construction */

@@ -1,0 +1,1 @@
+/* x11_connect: under construction */

@@ -1,0 +1,1 @@
+/* x11_draw: under construction */

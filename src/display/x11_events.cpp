@@ -1,0 +1,1 @@
+/* x11_events: under construction */

@@ -1,0 +1,1 @@
+/* x11_globals: under construction */

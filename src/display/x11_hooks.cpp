@@ -1,0 +1,1 @@
+/* x11_hooks: under construction */

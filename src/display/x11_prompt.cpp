@@ -1,0 +1,1 @@
+/* x11_prompt: under construction */

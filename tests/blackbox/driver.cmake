@@ -1,0 +1,1 @@
+# black-box tests: driver

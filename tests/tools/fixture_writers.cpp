@@ -1,0 +1,1 @@
+// volume file writers for tests

@@ -1,0 +1,1 @@
+// tests for align_model

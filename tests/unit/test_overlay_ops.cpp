@@ -1,0 +1,1 @@
+// tests for overlay_ops

@@ -1,0 +1,1 @@
+// tests for side_files
