@@ -1,0 +1,1 @@
+/* distortion_files: under construction */

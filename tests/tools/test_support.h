@@ -1,0 +1,23 @@
+#pragma once
+/* Helpers shared by the unit tests: synthetic stacks and temporary working directories. */
+#include <string>
+
+#include "types.h"
+
+/* Allocates a zeroed stack of nx*ny*nz*nt floats with the plain geometry
+   ijk_to_xyz = scale_and_shift(resolution, origin 0, direction +1) and its inverse. */
+void make_stack(data_stack *s, int nx, int ny, int nz, int nt, float rx = 1.0f, float ry = 1.0f,
+                float rz = 1.0f);
+void free_stack(data_stack *s);
+/* Points the display (mosaic.stack, mosaic.fSpaceMatrix) at image_stack made with make_stack. */
+void set_displayed_stack_for_test(int nx, int ny, int nz, int nt);
+
+/* A fresh directory under /tmp; the test changes into it and back out when it ends. */
+struct ScopedTempDir {
+    std::string path;
+    std::string previous;
+    ScopedTempDir();
+    ~ScopedTempDir();
+};
+std::string read_text_file(const std::string &name);
+void write_text_file(const std::string &name, const std::string &content);
