@@ -300,3 +300,55 @@ TEST(CostFunction, SimilarityPeaksAtTheMatchingParameters)
             }
     }
 }
+
+namespace {
+
+// The specified arithmetic for one template voxel, written out plainly: positions through the
+// three matrices, kernel weights from numerics, weight (wz*wx)*wy in float, value*weight and
+// weight summed in double, z outer and x inner. No wrap-around, all samples inside the grid.
+float one_voxel_oracle(int x, int y, int z, int accurate)
+{
+    data_stack tgrid = template_, ogrid = original;
+    tgrid.ijk_to_xyz = Alignment.ijk_to_xyz;
+    ogrid.xyz_to_ijk = Alignment.xyz_to_ijk;
+    mat44 affine;
+    memcpy(affine.m, Alignment.Affine, sizeof affine.m);
+    POINT3D p = Convert_Voxel_to_Space({x, y, z}, &tgrid);
+    POINT3D q = apply_mat44(affine, p.x, p.y, p.z);
+    POINT3D v = Convert_Space_to_rVoxel(q, &ogrid);
+    float r = Alignment.resolution.x / original.resolution.x;
+    int w = accurate ? std::max(2, (int)floorf(r)) : std::max(1, (int)floorf(r));
+    float sigma = (float)(0.425 * r);
+    auto weight = [&](float d) { return accurate ? Lanczos_filter(w, d) : Gauss(d, 0.0f, sigma); };
+    double sum = 0, wsum = 0;
+    for (int k = (int)floorf(v.z) - w; k <= (int)ceilf(v.z) + w; k++)
+        for (int j = (int)floorf(v.y) - w; j <= (int)ceilf(v.y) + w; j++)
+            for (int i = (int)floorf(v.x) - w; i <= (int)ceilf(v.x) + w; i++) {
+                float wt = weight(v.z - k) * weight(v.x - i) * weight(v.y - j);
+                sum += (double)(at(&original, i, j, k) * wt);
+                wsum += wt;
+            }
+    return (float)(sum / wsum);
+}
+
+}  // namespace
+
+TEST(TransformCoordinates, FollowsTheSpecifiedArithmeticBitForBit)
+{
+    make_scene(16, 1.25f, 16, 1.0f);
+    fill_random(&original, 1.0f, 1000.0f, 12);
+    Alignment.value[0] = 0.7f;
+    Alignment.value[2] = -1.1f;
+    Alignment.value[3] = 9.0f;
+    Alignment.value[4] = -4.0f;
+    Alignment.value[6] = 1.07f;
+    Alignment.value[10] = 0.03f;
+    for (int accurate = 0; accurate < 2; accurate++) {
+        transform_coordinates(1, accurate);
+        for (int z = 5; z <= 10; z += 5)
+            for (int y = 6; y <= 9; y += 3)
+                for (int x = 5; x <= 10; x++)
+                    EXPECT_EQ(at(&individual, x, y, z), one_voxel_oracle(x, y, z, accurate))
+                        << accurate << ": " << x << " " << y << " " << z;
+    }
+}
