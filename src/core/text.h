@@ -20,3 +20,17 @@ void read_program_init_file(const char *init_file_name, char arguments[][1024], 
 void action_help(int which, int variant);
 /* Interactive help browser on standard input; 0 after a quit, 1 after an error. */
 int help_menu(int chained, const char *file);
+
+/* What the command-line options carry to the start-up steps besides the global records. */
+struct startup_options {
+    char ovl_name[1024];  /* overlay list file, "" when none */
+    char wire_name[1024]; /* wire-frame list file, "" when none */
+    int number_panels;    /* 0: the display chooses */
+    int batch_mode;
+    int iWrap;            /* the digits of -W */
+};
+/* Applies one option letter from my_getopt with its argument word: the file lists, mosaic.zoom,
+   mosaic.flip_X11_y / display_ortho_ZY / display_3orthogonal, Alignment.WrapAround (prints
+   "Wrapping in (x,y,z) = ..."), and the fields of opts. Returns 1 for a letter that has no
+   action here (-h, -H, -1 and unknown letters are the caller's), else 0. */
+int apply_startup_option(int option, const char *arg, startup_options *opts);
