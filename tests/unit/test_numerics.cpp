@@ -161,6 +161,19 @@ TEST(RInvertSquareMatrix, CopiesThePartialFactorisationBackAfterAFailure)
     free_float_matrix(a, 3, 3);
 }
 
+TEST(RInvertSquareMatrix, EqualPivotCandidatesKeepTheFirstRow)
+{
+    /* |1| and |-1| tie in column 0: row 0 stays the pivot, row 1 gets the multiplier -1 */
+    float **a = make_float_matrix(3, 3, {1, 2, 3, -1, -2, 5, 0, 0, 0});
+    int error_row;
+    EXPECT_EQ(rInvertSquareMatrix(3, a, &error_row), 1);
+    EXPECT_EQ(error_row, 1);
+    float want[3][3] = {{1, 2, 3}, {-1, 0, 8}, {0, 0, 0}};
+    for (int i = 0; i < 3; i++)
+        for (int j = 0; j < 3; j++) EXPECT_EQ(a[i][j], want[i][j]) << i << "," << j;
+    free_float_matrix(a, 3, 3);
+}
+
 TEST(Invert3x3Matrix, InvertsAUnitDeterminantMatrixExactly)
 {
     float **m = make_float_matrix(3, 3, {1, 2, 3, 0, 1, 4, 5, 6, 0});
