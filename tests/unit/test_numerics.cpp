@@ -428,6 +428,8 @@ TEST(Ibeta, TinyComplementStopsJustBelowOne)
     double v = ibeta(1, 20, 0.9);
     EXPECT_EQ(v, 0.9999999999999999);
     EXPECT_LT(v, 1.0);
+    /* exchanged continued fraction on the logarithm path: I_0.006(20, 200) is about 1.3e-17 */
+    EXPECT_EQ(ibeta(200, 20, 0.994), 0.9999999999999999);
 }
 
 TEST(Ibeta, NonPositiveParameterEndsTheProgram)
