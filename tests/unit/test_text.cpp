@@ -234,46 +234,6 @@ TEST(ActionHelp, PrintsTheTextWithoutCommentsAfterAnEmptyLine)
     EXPECT_EQ(run_in_child("", [] { action_help(1, 2); return 0; }).out, "\nkeys two\n");
 }
 
-TEST(ActionHelp, MissingFileOrVariableOnlyPrintsAMessage)
-{
-    ScopedTempDir dir;
-    std::string home = make_help_home();
-    snprintf(program_name, sizeof program_name, "align");
-    EXPECT_EQ(run_in_child("", [] { action_help(0, 1); return 0; }).out,
-              "Error: cannot open the file " + home + "/documentation/align-startup.txt.\n"
-              "The environment variable QOR_HOME is set to " + home + "\n"
-              "If this is incorrect, quit, define this environment variable, and re-start.\n");
-    unsetenv("QOR_HOME");
-    EXPECT_EQ(run_in_child("", [] { action_help(0, 1); return 0; }).out,
-              "For help, quit and define the environment variable QOR_HOME, and then re-start.\n");
-}
-
-TEST(HelpMenu, BrowsesMenusAndItemsAndGoesBackOneLevelAtATime)
-{
-    ScopedTempDir dir;
-    std::string home = make_help_home();
-    write_text_file("home/documentation/menu.txt", MAIN_MENU);
-    ChildResult r = run_in_child("1\n2\nb\nb\nq\n", [] { return help_menu(0, "menu.txt"); });
-    std::string main_text = std::string("Main menu\n 1 first\n") + SEPARATOR + "help > ";
-    std::string menu_one = std::string("Menu one\n") + SEPARATOR + "help >> ";
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "Help from file " + home + "/documentation/menu.txt\n" + main_text + menu_one +
-                         "Beta text\nsecond beta line\n" + SEPARATOR + "help >> " + menu_one + main_text);
-}
-
-TEST(HelpMenu, NumberBeyondTheItemsIsABadOption)
-{
-    ScopedTempDir dir;
-    make_help_home();
-    write_text_file("home/documentation/menu.txt", MAIN_MENU);
-    ChildResult r = run_in_child("1\n5\n0\nq\n", [] { return help_menu(0, "menu.txt"); });
-    std::string menu_one = std::string("Menu one\n") + SEPARATOR + "help >> ";
-    std::string want = menu_one + "Bad option. Choose '0', 'b', 'q', or a number from 1 to 2\n" + menu_one +
-                       "Main menu\n";
-    EXPECT_NE(r.out.find(want), std::string::npos) << r.out;
-    EXPECT_EQ(r.status, 0);
-}
-
 TEST(HelpMenu, QInsideAMenuGoesBack)
 {
     ScopedTempDir dir;
@@ -285,36 +245,6 @@ TEST(HelpMenu, QInsideAMenuGoesBack)
     std::string menu_one = std::string("Menu one\n") + SEPARATOR + "help >> ";
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out.substr(r.out.find('\n') + 1), main_text + menu_one + main_text);
-}
-
-TEST(HelpMenu, MenuWithoutItemsShowsTheMainMenuAndEndOfInputQuits)
-{
-    ScopedTempDir dir;
-    make_help_home();
-    write_text_file("home/documentation/menu.txt", MAIN_MENU);
-    ChildResult r = run_in_child("7\n1\n1\n", [] { return help_menu(0, "menu.txt"); });
-    std::string main_text = std::string("Main menu\n 1 first\n") + SEPARATOR + "help > ";
-    std::string menu_one = std::string("Menu one\n") + SEPARATOR + "help >> ";
-    std::string alpha = std::string("Alpha text\n") + SEPARATOR + "help >> ";
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out.substr(r.out.find('\n') + 1), main_text + main_text + menu_one + alpha + menu_one + main_text);
-}
-
-TEST(HelpMenu, ChainedFileIsBrowsedAndThenTheMainFileAgain)
-{
-    ScopedTempDir dir;
-    std::string home = make_help_home();
-    write_text_file("home/documentation/menu.txt", MAIN_MENU);
-    write_text_file("home/documentation/chained.txt", "!0 0\nChained main\n!1 0\nChained one\n!1 1\nDeep\n");
-    ChildResult r = run_in_child("2\n1\n1\nq\nq\nq\n", [] { return help_menu(0, "menu.txt"); });
-    std::string main_text = std::string("Main menu\n 1 first\n") + SEPARATOR + "help > ";
-    std::string want = "Help from file " + home + "/documentation/menu.txt\n" + main_text + "Menu two\n" +
-                       "Help from file " + home + "/documentation/chained.txt\n" + "Chained main\n" + SEPARATOR +
-                       "help > " + "Chained one\n" + SEPARATOR + "help >> " + "Deep\n" + SEPARATOR + "help >> " +
-                       "Chained one\n" + SEPARATOR + "help >> " + "Chained main\n" + SEPARATOR + "help > " +
-                       "Help from file " + home + "/documentation/menu.txt\n" + main_text;
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, want);
 }
 
 TEST(HelpMenu, HeadersOutOfOrderAreRefused)
