@@ -21,6 +21,12 @@ static void copy_stack_with_data(data_stack *to, const data_stack *from)
     memcpy(to->SpaceTime.fData, from->SpaceTime.fData, sizeof(float) * (size_t)n);
 }
 
+/* Rebuilds template_ (data of template_unfiltered.nt * n3d floats), individual (the template's
+   header with the individual's time points; allocation only) and original from the unfiltered
+   volumes: copied when smooth_fov_fraction is 0, else divided by a copy smoothed with a FWHM of
+   fov / smooth_fov_fraction per axis, printing "smooth template by (...), " and "smooth original
+   by (...)\n". Then template voxels with mask entry 0 are zeroed when nmask is set. The first
+   call allocates; later calls free the previous template_ and individual data first. */
 void filter_image_data(void)
 {
     static int first_call = 1;
@@ -67,7 +73,7 @@ void filter_image_data(void)
         raw = original_unfiltered.SpaceTime.fData;
         smooth = temporary.SpaceTime.fData;
         /* Deliberate: no guard here, unlike the template; a zero smoothed value gives inf or
-           nan. Pinned by FilterImageData.IndividualDivisionIsNotGuarded. */
+           nan. Pinned by FilterImageData.TemplateDivisionIsGuardedButIndividualDivisionIsNotGuarded. */
         for (int i = 0; i < n_original; i++) original.SpaceTime.fData[i] = raw[i] / smooth[i];
         free_float_vector(temporary.SpaceTime.fData);
         fflush(stdout);
@@ -81,13 +87,19 @@ void filter_image_data(void)
     }
 }
 
-/* Per-axis factor of the frequency-domain Gaussian at centred frequency index i of n. */
+/* Per-axis factor of the frequency-domain Gaussian at frequency index i of n, centred at n/2.
+   Deliberate: the half-sample shift gives the centre exp(-0.125/var), not 1, and an odd line
+   (whose zero frequency the shift routine puts at n/2 + 1) exp(-1.125/var). Pinned by
+   SmoothOrSharpenIsotropic.ConstantVolumeIsScaledByTheZeroFrequencyFactor. */
 static float gauss_factor(int i, int n, float variance)
 {
     float f = (float)(i - n / 2) + 0.5f;
     return (float)exp((double)(-f * f / 2.0f / variance));
 }
 
+/* Filters the stack's first n4d floats in place with an isotropic Gaussian of the given FWHM
+   (mm per axis) applied in the frequency domain: sharpen 0 smooths, nonzero keeps one minus
+   the Gaussian (a high-pass). Scratch: one complex copy of the stack. */
 void smooth_or_sharpen_isotropic(int sharpen, data_stack *stack, POINT3D fwhm_mm)
 {
     int n_complex = stack->n3d * stack->nt;
@@ -136,6 +148,10 @@ void smooth_or_sharpen_isotropic(int sharpen, data_stack *stack, POINT3D fwhm_mm
     free_fcomplex_vector(c);
 }
 
+/* One-dimensional DFTs along axis 1 (x), 2 (y) or 3 (z) of every line of every time point of a
+   stack holding complex pairs, with the zero frequency moved to the line's centre. direction 1
+   is FFTW's forward transform (sign -1) divided by the length; -1 the unnormalised backward one.
+   One FFTW plan (planning flags 0) serves every line of the call. Returns 0. */
 int ft_1d(int axis, int direction, data_stack *stack)
 {
     int nx = stack->dim.x, ny = stack->dim.y, nz = stack->dim.z;

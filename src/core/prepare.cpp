@@ -43,6 +43,11 @@ static void take_header_keep_data(data_stack *to, const data_stack *from)
     snprintf(to->name, sizeof to->name, "%s", name);
 }
 
+/* Creates the working volumes (original, template_, individual, NL_bases, distort_x/y/z/d;
+   the last five zeroed), sets the display defaults (contrast 0..1, right panel width), points
+   the display at template_ with number_panels panels (0: every slice; above the slice count:
+   capped; negative: 4, with mosaic.negative_panels set), computes the display size, puts the
+   crosshair and cursor at the centre voxel and sets up the overlay records. Start-up only. */
 void initialize_mosaic_ovl(int number_panels)
 {
     contrast_low = 0.0f;
@@ -79,6 +84,11 @@ void initialize_mosaic_ovl(int number_panels)
     initialize_overlay_records();
 }
 
+/* Brings the template grid and the displacement fields to the steps of
+   AlignAid.SubSampleSetting (nothing when they equal AlignAid.SubSample): rebuilds the working
+   volumes at full resolution, then down-samples template_ (or restores its own header and
+   matrices at steps 1,1,1), updates Alignment's grid and centred matrices, re-points and
+   resamples, and asks the display for a new window, panel and graph. */
 void action_change_resolution(void)
 {
     IPOINT3D want = AlignAid.SubSampleSetting, now = AlignAid.SubSample;
@@ -129,6 +139,9 @@ void action_change_resolution(void)
     update_graph_data(0, 1);
 }
 
+/* Resamples every time point of the stack in place onto new_dim voxels with a Gaussian of FWHM
+   equal to the size ratio per axis; the voxel size grows by that ratio, origin and directions
+   stay. More than 5 time points print a progress line per time point. */
 void downsample_stack(data_stack *stack, IPOINT3D new_dim)
 {
     IPOINT3D old_dim = stack->dim;
@@ -186,10 +199,10 @@ void downsample_stack(data_stack *stack, IPOINT3D new_dim)
                                 float weight = wz * wx * wy;
                                 int n = t * old_n3d + kz * old_n2d + jy * old_dim.x + ix;
                                 if (complex_data) {
-                                    sum += (double)(weight * old_data[2 * n]);
-                                    sum_im += (double)(weight * old_data[2 * n + 1]);
+                                    sum += (double)weight * (double)old_data[2 * n];
+                                    sum_im += (double)weight * (double)old_data[2 * n + 1];
                                 } else {
-                                    sum += (double)(weight * old_data[n]);
+                                    sum += (double)weight * (double)old_data[n];
                                 }
                                 weight_sum += (double)weight;
                             }

@@ -17,6 +17,7 @@ namespace {
 void show_stack(int nx, int ny, int nz, float rx = 1.0f, float ry = 1.0f, float rz = 1.0f)
 {
     make_stack(&image_stack, nx, ny, nz, 1, rx, ry, rz);
+    mosaic = {};
     mosaic.stack = &image_stack;
     mosaic.fSpaceMatrix = image_stack.SpaceTime.fData;
     mosaic.DimPanels = {0, 0, 0};
