@@ -444,7 +444,8 @@ void update_display_settings(void)
    With find_extrema the displayed volume is scanned again (restricted to voxels of overlay
    weight > 0 while the root overlay has points); otherwise the last scan is reused.
    Deliberate: the scan starts from maximum -1 and minimum 1e20, so an all-negative selection
-   keeps -1 as its maximum. Pinned by RescaleImage.AllNegativeDataKeepsMinusOneAsMaximum. */
+   keeps -1 as its maximum. Pinned by
+   RescaleImage.AllNegativeDataKeepsMinusOneAsMaximumAndTheHistogramIsRebuilt. */
 void rescale_image(int find_extrema)
 {
     if (find_extrema) {

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "display_hooks.h"
 #include "display_model.h"
@@ -299,24 +300,14 @@ TEST(ConvertRVoxelToPixel, PlanePixelsAndTheFlip)
     mosaic.display_3orthogonal = 1;
     mosaic.zoom = 2;
     compute_display_size(NULL);  // R = (1, 2, 1), D = (6, 10, 4)
-    mosaic.flip_X11_y = 0;
     POINT3D v = {2.0f, 3.0f, 1.0f};
-    IPOINT2D p = Convert_rVoxel_to_Pixel(0, v, 0);
-    EXPECT_EQ(p.x, (2 + 1) * 2);
-    EXPECT_EQ(p.y, (6 + 1) * 2);
-    p = Convert_rVoxel_to_Pixel(1, v, 1);
+    IPOINT2D p = Convert_rVoxel_to_Pixel(1, v, 1);  // ZY: x after the XY column, centred
     EXPECT_EQ(p.x, (6 + 1 + 2) * 2 + 1);
-    EXPECT_EQ(p.y, (6 + 1) * 2 + 1);
+    EXPECT_EQ(p.y, (2 * 3 + 1) * 2 + 1);
     p = Convert_rVoxel_to_Pixel(3, v, 0);
-    EXPECT_EQ(p.x, (6 + 6 + 2) * 2);
+    EXPECT_EQ(p.x, (6 + 2 * 3 + 2) * 2);
     EXPECT_EQ(p.y, (10 + 1 + 2) * 2);
-    mosaic.flip_X11_y = 1;
-    POINT3D f = flip_vertical_DataIndex(v, 0);
-    EXPECT_FLOAT_EQ(f.y, 2.0f);
-    EXPECT_FLOAT_EQ(f.z, 1.0f);
-    f = flip_vertical_DataIndex(v, 2);
-    EXPECT_FLOAT_EQ(f.y, 3.0f);
-    EXPECT_FLOAT_EQ(f.z, 3.0f);
+    mosaic.flip_X11_y = 1;  // XZ flips z to nz - z = 3 and centres upwards
     p = Convert_rVoxel_to_Pixel(2, v, 1);
     EXPECT_EQ(p.x, (2 + 1) * 2 + 1);
     EXPECT_EQ(p.y, (10 + 3 + 2) * 2 - 1);
@@ -327,86 +318,43 @@ TEST(DefineMosaicCursorLocation, RegionsOfTheWindow)
     show_stack(16, 16, 4);
     mosaic.zoom = 1;
     mosaic.activation.imap = 1;
-    mosaic.flip_X11_y = 0;
-    mosaic.toggle_overlays = 0;
     compute_display_size(NULL);  // image 35 x 35 (2 x 2 panels), colour bar 50
-    SelectableText items[3] = {};
+    auto where = [](int x, int y) {
+        mosaic.cursor_selection = 1;
+        define_mosaic_cursor_location(x, y);
+        return mosaic.cursor_selection;
+    };
+    EXPECT_EQ(where(6, 5), 1 | 8);  // no menu items at all
+    SelectableText items[2] = {};
     items[0] = {"?", 0, 4, 10, 0, 1, 0, &items[1]};
-    items[1] = {"ovl", 0, 20, 20, 2, 2, 0, &items[2]};
-    items[2] = {"data", 1, 4, 20, 4, 128, 0, NULL};
-    mosaic.SelectText = NULL;
-
-    mosaic.cursor_selection = 1;
-    define_mosaic_cursor_location(6, 5);  // empty menu list: no item anywhere
-    EXPECT_EQ(mosaic.cursor_selection, 1 | 8);
-
+    items[1] = {"data", 1, 4, 20, 4, 128, 0, NULL};
     mosaic.SelectText = &items[0];
-    mosaic.cursor_selection = 1;
-    mosaic.text_selection = 0;
-    define_mosaic_cursor_location(6, 5);
-    EXPECT_EQ(mosaic.cursor_selection, 1 | 4);
+    EXPECT_EQ(where(6, 5), 1 | 4);
     EXPECT_EQ(mosaic.text_selection, 1);
-    mosaic.cursor_selection = 1;
-    define_mosaic_cursor_location(6, 15);  // the gap between the two rows
-    EXPECT_EQ(mosaic.cursor_selection, 1 | 8);
-    mosaic.cursor_selection = 1;
-    define_mosaic_cursor_location(25, 5);  // overlay item while overlays are off: inert
-    EXPECT_EQ(mosaic.cursor_selection, 1 | 8);
-    mosaic.toggle_overlays = 1;
-    mosaic.cursor_selection = 1;
-    define_mosaic_cursor_location(25, 5);
-    EXPECT_EQ(mosaic.text_selection, 2);
-    mosaic.cursor_selection = 1;
-    define_mosaic_cursor_location(6, 20);  // complex-data item on real data: inert
-    EXPECT_EQ(mosaic.cursor_selection, 1 | 8);
+    EXPECT_EQ(where(6, 15), 1 | 8);  // between the rows
+    EXPECT_EQ(where(6, 20), 1 | 8);  // complex-data item on real data: inert
     image_stack.data_type = 1;
-    mosaic.cursor_selection = 1;
-    define_mosaic_cursor_location(6, 20);
-    EXPECT_EQ(mosaic.cursor_selection, 1 | 4);
+    EXPECT_EQ(where(6, 20), 1 | 4);
     EXPECT_EQ(mosaic.text_selection, 128);
-    image_stack.data_type = 0;
 
-    int W = mosaic.ImageRegionPixels.x, H = mosaic.ImageRegionPixels.y;
-    mosaic.cursor_selection = 1;
-    define_mosaic_cursor_location(W + 51, 40);
-    EXPECT_EQ(mosaic.cursor_selection, 1 | 32);
-    mosaic.cursor_selection = 1;
-    define_mosaic_cursor_location(W + 10, 30 + 1 + 2);
-    EXPECT_EQ(mosaic.cursor_selection, 1 | 16 | 2048);
-    mosaic.cursor_selection = 1;
-    define_mosaic_cursor_location(W + 10, 30 + H - 2);
-    EXPECT_EQ(mosaic.cursor_selection, 1 | 16 | 4096);
-    mosaic.cursor_selection = 1;
-    define_mosaic_cursor_location(3, 30 + 3);  // image area, panel 0
-    EXPECT_EQ(mosaic.cursor_selection, 1 | 2 | 64 | 128);
-    mosaic.cursor_selection = 1;
-    define_mosaic_cursor_location(5, 30 + H + 40);  // bottom band, no bottom item
-    EXPECT_EQ(mosaic.cursor_selection, 1 | 8);
+    EXPECT_EQ(where(35 + 51, 40), 1 | 32);
+    EXPECT_EQ(where(35 + 10, 33), 1 | 16 | 2048);
+    EXPECT_EQ(where(35 + 10, 63), 1 | 16 | 4096);
+    EXPECT_EQ(where(3, 33), 1 | 2 | 64 | 128);
+    EXPECT_EQ(where(5, 30 + 35 + 40), 1 | 8);  // bottom band, no bottom item
 }
 
 TEST(UpdateDisplaySettings, CrosshairToTheCentreAndOverlayMapCleared)
 {
     show_stack(7, 6, 5);
-    mosaic.icross = {0, 0, 0};
     overlay_map.weight = float_vector(210);
     overlay_map.color = short_vector(210);
-    for (int i = 0; i < 210; i++) {
-        overlay_map.weight[i] = 0.5f;
-        overlay_map.color[i] = 3;
-    }
+    for (int i = 0; i < 210; i++) overlay_map.weight[i] = overlay_map.color[i] = 1;
     ovl_root.npts = 210;
     update_display_settings();
-    EXPECT_EQ(mosaic.icross.x, 3);
-    EXPECT_EQ(mosaic.icross.y, 3);
-    EXPECT_EQ(mosaic.icross.z, 2);
-    for (int i = 0; i < 210; i++) {
-        ASSERT_EQ(overlay_map.weight[i], 0.0f);
-        ASSERT_EQ(overlay_map.color[i], 0);
-    }
+    EXPECT_EQ(mosaic.icross.x * 100 + mosaic.icross.y * 10 + mosaic.icross.z, 332);
+    for (int i = 0; i < 210; i++) ASSERT_EQ(overlay_map.weight[i] + overlay_map.color[i], 0.0f);
     EXPECT_EQ(ovl_root.npts, 0);
-    free_float_vector(overlay_map.weight);
-    free_short_vector(overlay_map.color);
-    overlay_map = {};
 }
 
 TEST(RescaleImage, RangeFromTheDataAndTheContrastLevels)
@@ -434,29 +382,22 @@ TEST(RescaleImage, RangeFromTheDataAndTheContrastLevels)
     rescale_image(1);
     EXPECT_FLOAT_EQ(image_scale_min, 1.0f);
     EXPECT_FLOAT_EQ(image_scale_max, 5.0f);
-    free_float_vector(overlay_map.weight);
     overlay_map = {};
     ovl_root.npts = 0;
 }
 
-TEST(RescaleImage, AllNegativeDataKeepsMinusOneAsMaximum)
+TEST(RescaleImage, AllNegativeDataKeepsMinusOneAsMaximumAndTheHistogramIsRebuilt)
 {
     show_stack(2, 2, 1);
     float data[4] = {-5, -3, -4, -8};
     memcpy(image_stack.SpaceTime.fData, data, sizeof data);
     contrast_low = 0.0f;
     contrast_high = 1.0f;
-    rescale_image(1);
-    EXPECT_FLOAT_EQ(image_scale_min, -8.0f);
-    EXPECT_FLOAT_EQ(image_scale_max, -1.0f);
-}
-
-TEST(RescaleImage, HistogramGraphIsRebuilt)
-{
-    show_stack(2, 2, 1);
     DisplayHooks.build_graph_display = count_build_graph;
     graph.type = 3;
     rescale_image(1);
+    EXPECT_FLOAT_EQ(image_scale_min, -8.0f);
+    EXPECT_FLOAT_EQ(image_scale_max, -1.0f);
     EXPECT_EQ(build_graph_calls, 0);
     graph.type = 4;
     rescale_image(0);
