@@ -318,14 +318,15 @@ static int command_mapping_error(int argc, char **argv)
     return 0;
 }
 
-/* Two ellipsoids of distinct intensity in a 96 mm cube, centred at (cx, 0, 0) mm. */
+/* A head-like phantom in a 96 mm cube: an ellipsoid (zero outside) whose inside varies
+   smoothly, with two brighter blobs of distinct size, so that the similarity has a clear peak. */
 static float phantom_value(double px, double py, double pz)
 {
     double r1 = px * px / (30.0 * 30.0) + py * py / (36.0 * 36.0) + pz * pz / (27.0 * 27.0);
-    double r2 = (px - 8.0) * (px - 8.0) / 100.0 + (py + 6.0) * (py + 6.0) / 144.0 + (pz - 3.0) * (pz - 3.0) / 64.0;
-    if (r2 <= 1.0) return 200.0f;
-    if (r1 <= 1.0) return 100.0f;
-    return 0.0f;
+    if (r1 > 1.0) return 0.0f;
+    double b1 = ((px - 8.0) * (px - 8.0) + (py + 6.0) * (py + 6.0) + (pz - 3.0) * (pz - 3.0)) / (2.0 * 6.0 * 6.0);
+    double b2 = ((px + 12.0) * (px + 12.0) + (py - 14.0) * (py - 14.0) + (pz + 8.0) * (pz + 8.0)) / (2.0 * 4.0 * 4.0);
+    return (float)(60.0 + 20.0 * px / 30.0 + 10.0 * py / 36.0 + 100.0 * exp(-b1) + 60.0 * exp(-b2));
 }
 
 static int command_shifted_phantom(int argc, char **argv)
