@@ -1,9 +1,7 @@
-/* Resampling of the individual (original, at graph.iTime) onto the template grid under
-   Alignment.Affine plus the displacement maps distort_x/y/z; writes individual at the same time
-   point. Reads template_ (at iTime_Template) to skip voxels outside the template's content,
-   Alignment (matrices, resolution, WrapAround) and the AlignNL boxes. No X11.
-   Output voxels are independent, so z-slices are shared out over threads (parallel_ranges);
-   every voxel is computed with the same arithmetic whatever the thread count. */
+/* Resampling of original (at graph.iTime) onto the template grid under Alignment.Affine plus
+   distort_x/y/z, into individual. Reads template_, Alignment and the AlignNL boxes. No X11.
+   Output voxels are independent: z-slices are shared out over threads (parallel_ranges), each
+   voxel computed with the same arithmetic whatever the thread count. */
 #include "resample.h"
 
 #include <cmath>
