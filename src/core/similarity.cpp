@@ -67,8 +67,7 @@ struct mi_part {
 };
 
 /* Splits [0, n3d) into ranges of whole slices over threads and calls f(part, first, last) for
-   each range [first, last) of voxels; the
-   parts come back sorted by their first voxel. */
+   each range [first, last) of voxels; the parts come back sorted by their first voxel. */
 template <class F> static std::vector<mi_part> over_ranges(size_t n3d, size_t n2d, F f)
 {
     std::vector<mi_part> parts;
