@@ -87,6 +87,8 @@ static int check_data_sizes(data_stack *stack1, file_list *file_info)
                 slice_file_name(slice, node->file_name, z, h->storage_type);
                 if (!file_size(slice, &size)) return 0;
                 if (size < need) {
+                    /* Deliberate: float slices get the same "short data" text.
+                       Pinned by ReadFreesurferFile.SlicesFillTheirPlanesOfEveryVolume. */
                     printf("Error reading the short data from file %s\n", node->file_name);
                     return 1;
                 }
@@ -341,6 +343,7 @@ int read_freesurfer_file(data_stack *stack1, file_list *file_info)
         }
         for (int t = 0; t < nt; t++) {
             if (fread(buffer, bytes, (size_t)n2d, fp) != (size_t)n2d) {
+                /* Deliberate: the text says "short" for float slices too. */
                 printf("Error reading the short data from file %s\n", name);
                 free_storage_vector(storage, buffer);
                 fclose(fp);

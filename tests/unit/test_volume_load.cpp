@@ -369,6 +369,8 @@ TEST(ReadFreesurferFile, SlicesFillTheirPlanesOfEveryVolume)
     Load l = load_one(&s, "s1_");
     EXPECT_EQ(l.result, 1);
     EXPECT_EQ(l.out, "Error reading the short data from file s1_\n");
+    write_binary_file("s2_001.bfloat", std::vector<unsigned char>(31, 0));  // float slices: same text
+    EXPECT_EQ(load_one(&s, "s2_").out, "Error reading the short data from file s2_\n");
     remove("s1_001.bshort");
     l = load_one(&s, "s1_");
     EXPECT_EQ(l.result, 1);
