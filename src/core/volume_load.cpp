@@ -179,8 +179,8 @@ int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *fi
         node->header = header;
         node->nt = node->type == 3 ? 1 : header.nt;
         if ((long long)stack1->nt + node->nt > MAX_STACK_FLOATS) {
-            printf("Error: too many volumes (%lld) in the files of %s.\n",
-                   (long long)stack1->nt + node->nt, node->file_name);
+            printf("Error: with %s the list holds %lld volumes, too many to hold in memory.\n",
+                   node->file_name, (long long)stack1->nt + node->nt);
             return 1;
         }
         node->start_image = stack1->nt;
