@@ -2,8 +2,6 @@
    program's own keys, the contrast drag, arrows and in/out, re-flow on resize, the slice
    selection and the context help. Reads and writes mosaic, contrast_low/high, AlignAid (through
    the panel rules). Xlib. */
-#include <X11/keysym.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,22 +34,6 @@ int get_next_event(XEvent *event)
     if (XWindow_image != 0 && event->xany.window == XWindow_image) return 1;
     if (XWindow_graph != 0 && event->xany.window == XWindow_graph) return 2;
     return 0;
-}
-
-int keysym_to_code(unsigned long keysym)
-{
-    switch (keysym) {
-    case XK_Home:
-    case XK_End: return 13;
-    case XK_Left: return 12;
-    case XK_Up: return 21;
-    case XK_Right: return 11;
-    case XK_Down: return 4;
-    case XK_Prior: return '+';
-    case XK_Next: return '-';
-    case XK_Help: return 'h';
-    default: return 0;
-    }
 }
 
 int get_key_press(XKeyEvent *event, char *key)
