@@ -21,7 +21,7 @@ def value(x, y, z):
     return 10.0 + 7.0 * x + 20.0 * y + 2.0 * z
 
 
-def write_nifti(name, fn):
+def write_nifti(name, fn, NX=NX, NY=NY, NZ=NZ):
     """A NIfTI-1 single file of float32 voxels, 1 mm, qform off, sform off."""
     hdr = bytearray(348)
     struct.pack_into("<i", hdr, 0, 348)
@@ -360,6 +360,18 @@ def main():
     os.chdir(work)
     write_nifti("tpl.nii", value)
     write_nifti("ind.nii", value)
+    if scenario == "too_big":
+        # 64 x 64 x 4 on a 200 x 150 screen: 2 x 2 panels, then three planes, then one panel
+        # (66 + 150 right panel) x (66 + 75) are all too big.
+        write_nifti("big.nii", value, 64, 64, 4)
+        r = subprocess.run([align, "big.nii", "-t", "big.nii"], capture_output=True, text=True, timeout=60)
+        print(r.stdout[-2000:])
+        check(r.returncode == 1, "status 1 when the window cannot fit (got %d)" % r.returncode)
+        want = ["The image is too big for your display.", "Image : 216 x 141 pixels",
+                "Screen: 200 x 150 pixels"]
+        check(r.stdout.splitlines()[-3:] == want, "the three lines about the size end the output")
+        print("PASS " + scenario)
+        return
     if scenario == "no_display":
         env = dict(os.environ)
         env.pop("DISPLAY", None)
