@@ -33,11 +33,15 @@ void draw_right_panel(void)
         XDrawString(XServerDisplay, XPixmap_image, XGC_cyan_text, x0 + 8, 30 + 12, heading, (int)strlen(heading));
     int nrows = panel_rows();
     float spacing = (float)(h - 15) / (float)(nrows + 1);
+    /* A short image area cannot hold every row legibly: rows keep the font's height and
+       those that fall below the panel are left out. */
+    if (spacing < 13.0f) spacing = 13.0f;
     for (int row = 0; row < nrows; row++) {
         int item = AlignAid.DisplaySet == 1 ? AlignAid.iFirstParShown + row : row;
         char text[1024];
         if (!panel_item_text(item, text)) continue;
         int y = 30 + 15 + (int)((float)(row + 1) * spacing);
+        if (y > 30 + h - 2) break;
         GC gc = item == AlignAid.iParameter ? XGC_yellow_text : XGC_white_text;
         XDrawString(XServerDisplay, XPixmap_image, gc, x0 + 8, y, text, (int)strlen(text));
     }
