@@ -3,6 +3,7 @@
 #include "interaction.h"
 
 #include <cmath>
+#include <cstring>
 
 #include "globals.h"
 
@@ -150,3 +151,33 @@ static void step_time_point(int step)
 
 void action_increment_image(void) { step_time_point(1); }
 void action_decrement_image(void) { step_time_point(-1); }
+
+static int prompt_accepts(int mode, int c)
+{
+    int letter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+    int digit = c >= '0' && c <= '9';
+    switch (mode) {
+    case 0: return c >= 32 && c < 127;
+    case 1: return letter;
+    case 2: return digit;
+    case 3: return letter || digit;
+    default: return 0;
+    }
+}
+
+int prompt_edit(char *result, int c, int mode, int multi)
+{
+    size_t n = strlen(result);
+    if (c == 27) return -1;
+    if (c == 13) return 1;
+    if (c == 8 || c == 127) {
+        if (n > 1) result[n - 1] = '\0';
+        return 0;
+    }
+    if (!prompt_accepts(mode, c)) return 0;
+    if (n + 1 < 1024) {
+        result[n] = (char)c;
+        result[n + 1] = '\0';
+    }
+    return multi ? 0 : 1;
+}

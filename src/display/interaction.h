@@ -22,3 +22,10 @@ int slide_shown_slices(int in);
 /* The displayed time point of the stack, one step up or down with wrap. */
 void action_increment_image(void);
 void action_decrement_image(void);
+
+/* One key of the modal text input applied to result (1024 characters): Escape (27) cancels
+   (-1); Return (13) ends (1); Backspace (8) or Delete (127) removes the last character only
+   while more than one remains; a character accepted by mode (0 any printable, 1 letters,
+   2 digits, 3 letters or digits) is appended and ends the input when multi is 0 (1).
+   Returns 0 while the input goes on. */
+int prompt_edit(char *result, int c, int mode, int multi);

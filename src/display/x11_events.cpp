@@ -36,18 +36,6 @@ int get_next_event(XEvent *event)
     return 0;
 }
 
-int get_key_press(XKeyEvent *event, char *key)
-{
-    int code = keysym_to_code(XLookupKeysym(event, 0));
-    if (code == 0) {
-        char buffer[32] = {0};
-        KeySym keysym;
-        if (XLookupString(event, buffer, sizeof buffer, &keysym, NULL) > 0) code = (unsigned char)buffer[0];
-    }
-    *key = (char)code;
-    return code >= 1 && code <= 127;
-}
-
 void reset_cursor_selections(void)
 {
     mosaic.cursor_selection = 0;

@@ -3,6 +3,7 @@
 #include <X11/keysym.h>
 
 #include "x11_display.h"
+#include "x11_events.h"
 
 /* Deliberate: Left 12, Right 11, Up 21, Down 4 are control-L, -K, -U, -D, which therefore act
    as the arrows (KeysymToCode.NavigationKeysBecomeControlCodes). */
@@ -22,3 +23,15 @@ int keysym_to_code(unsigned long keysym)
     }
 }
 
+
+int get_key_press(XKeyEvent *event, char *key)
+{
+    int code = keysym_to_code(XLookupKeysym(event, 0));
+    if (code == 0) {
+        char buffer[32] = {0};
+        KeySym keysym;
+        if (XLookupString(event, buffer, sizeof buffer, &keysym, NULL) > 0) code = (unsigned char)buffer[0];
+    }
+    *key = (char)code;
+    return code >= 1 && code <= 127;
+}

@@ -5,22 +5,10 @@
 #include <cstring>
 
 #include "display_hooks.h"
+#include "interaction.h"
 #include "persist.h"
 #include "x11_display.h"
 #include "x11_events.h"
-
-static int accepted(int mode, int c)
-{
-    int letter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-    int digit = c >= '0' && c <= '9';
-    switch (mode) {
-    case 0: return c >= 32 && c < 127;
-    case 1: return letter;
-    case 2: return digit;
-    case 3: return letter || digit;
-    default: return 0;
-    }
-}
 
 static void show_prompt(const char *prompt, const char *hint, const char *result)
 {
@@ -41,23 +29,10 @@ int get_X11_string(int where, const char *prompt, const char *hint, const char *
         if (event.type != KeyPress) continue;
         char key = 0;
         if (!get_key_press(&event.xkey, &key)) continue;
-        int c = (unsigned char)key;
-        if (c == 27) return 0;
-        if (c == 13) break;
-        if (c == 8 || c == 127) {
-            size_t n = strlen(result);
-            if (n > 1) result[n - 1] = '\0';
-            show_prompt(prompt, hint, result);
-            continue;
-        }
-        if (!accepted(mode, c)) continue;
-        size_t n = strlen(result);
-        if (n + 1 < 1024) {
-            result[n] = (char)c;
-            result[n + 1] = '\0';
-        }
+        int state = prompt_edit(result, (unsigned char)key, mode, multi);
+        if (state < 0) return 0;
         show_prompt(prompt, hint, result);
-        if (!multi) break;
+        if (state > 0) break;
     }
     if (strcmp(result, " ") == 0) snprintf(result, 1024, "%s", deflt);
     return 1;

@@ -1,7 +1,11 @@
 /* Unit tests of the display library without a server: pixel layers, colour schemes,
    thresholds, neighbourhoods, the pixel buffers, key codes and the window rules. */
-#include <X11/keysym.h>
+/* gtest before Xlib: Xlib defines macros (None, Bool) that gtest uses as names. */
 #include <gtest/gtest.h>
+
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <X11/keysym.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -14,6 +18,7 @@
 #include "render.h"
 #include "test_support.h"
 #include "x11_display.h"
+#include "x11_events.h"
 
 static unsigned long rgb(int r, int g, int b) { return (unsigned long)(r * 65536 + g * 256 + b); }
 
@@ -477,4 +482,59 @@ TEST(SliceSelection, CentralSlicesAndTheSlidingWindow)
     for (int k = 0; k < 10; k++) sel[k] = k >= 8;
     EXPECT_FALSE(slide_shown_slices(0)); /* the last slice is already shown */
     free_stack(&image_stack);
+}
+
+TEST(PromptEdit, BackspaceKeepsTheLastCharacterAndModesFilter)
+{
+    char r[1024] = "y";
+    EXPECT_EQ(prompt_edit(r, 8, 0, 1), 0);
+    EXPECT_STREQ(r, "y");
+    EXPECT_EQ(prompt_edit(r, 127, 0, 1), 0);
+    EXPECT_STREQ(r, "y");
+    snprintf(r, sizeof r, " ");
+    EXPECT_EQ(prompt_edit(r, 'a', 2, 1), 0); /* digits only */
+    EXPECT_EQ(prompt_edit(r, '4', 2, 1), 0);
+    EXPECT_EQ(prompt_edit(r, '2', 2, 1), 0);
+    EXPECT_STREQ(r, " 42");
+    EXPECT_EQ(prompt_edit(r, 8, 2, 1), 0);
+    EXPECT_STREQ(r, " 4");
+    EXPECT_EQ(prompt_edit(r, 13, 2, 1), 1);
+    EXPECT_EQ(prompt_edit(r, 27, 2, 1), -1);
+    snprintf(r, sizeof r, "%s", "");
+    EXPECT_EQ(prompt_edit(r, '7', 1, 0), 0); /* letters only: a digit is ignored */
+    EXPECT_EQ(prompt_edit(r, 'Y', 1, 0), 1); /* one accepted character ends a single answer */
+    EXPECT_STREQ(r, "Y");
+    snprintf(r, sizeof r, "%s", "");
+    EXPECT_EQ(prompt_edit(r, 13, 0, 0), 1); /* an empty answer */
+    EXPECT_STREQ(r, "");
+    EXPECT_EQ(prompt_edit(r, 3, 0, 0), 0); /* control characters are not text */
+}
+
+/* Real key events need a server: skipped without one (the display tests run it under Xvfb). */
+TEST(GetKeyPress, ControlLettersActAsArrowsAndShiftGivesCapitals)
+{
+    Display *d = XOpenDisplay(NULL);
+    if (d == NULL) GTEST_SKIP() << "no X display";
+    XKeyEvent e = {};
+    e.type = KeyPress;
+    e.display = d;
+    char key = 0;
+    struct { KeySym sym; unsigned state; int code; } cases[] = {
+        {XK_d, ControlMask, 4},   {XK_k, ControlMask, 11}, {XK_l, ControlMask, 12},
+        {XK_u, ControlMask, 21},  {XK_Down, 0, 4},         {XK_Left, 0, 12},
+        {XK_z, ShiftMask, 'Z'},   {XK_z, 0, 'z'},          {XK_numbersign, ShiftMask, '#'},
+        {XK_Home, 0, 13},         {XK_Return, 0, 13},      {XK_Prior, 0, '+'},
+        {XK_c, ControlMask, 3},   {XK_a, ControlMask, 1},  {XK_space, 0, ' '},
+    };
+    for (auto &c : cases) {
+        e.keycode = XKeysymToKeycode(d, c.sym);
+        e.state = c.state;
+        if (e.keycode == 0) continue;
+        ASSERT_EQ(get_key_press(&e, &key), 1) << c.sym;
+        EXPECT_EQ(key, (char)c.code) << c.sym;
+    }
+    e.keycode = XKeysymToKeycode(d, XK_Shift_L);
+    e.state = 0;
+    EXPECT_EQ(get_key_press(&e, &key), 0);
+    XCloseDisplay(d);
 }
