@@ -111,7 +111,9 @@ static void show_middle_slice_only(void)
 
 void make_XWindow_image(void)
 {
-    static int tried_3orthogonal = 0, last_resort = 0;
+    /* The fall-backs are tried afresh on every call, so that a later layout change that does
+       not fit falls back again instead of ending the program. */
+    int tried_3orthogonal = 0, last_resort = 0;
     IPOINT2D rough = {0, 0};
     int screen_w = DisplayWidth(XServerDisplay, XScreen);
     int screen_h = DisplayHeight(XServerDisplay, XScreen);
