@@ -1,1 +1,398 @@
-// tests for text
+/* Line readers, the option scanner, ".align", the help texts, the help browser dialogue and
+   the application of options to the records. The scanner and the browser keep process-wide
+   state, so each scan and each dialogue runs in a forked child with its own copy of it. */
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "globals.h"
+#include "test_support.h"
+#include "text.h"
+#include "volume_load.h"
+
+namespace {
+
+const char *SEPARATOR = "----------------------------------------------\n"
+                        "--- choose item: 0 = main menu, return = back \n"
+                        "----------------------------------------------\n";
+
+struct ChildResult {
+    int status;
+    std::string out;
+};
+
+/* Runs body in a forked child with standard input read from the text input and standard
+   output caught; returns the child's exit status and what it printed. */
+template <typename Body> ChildResult run_in_child(const std::string &input, Body body)
+{
+    write_text_file("child-input.txt", input);
+    fflush(stdout);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int in = open("child-input.txt", O_RDONLY);
+        int out = open("child-output.txt", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(in, 0);
+        dup2(out, 1);
+        int status = body();
+        fflush(stdout);
+        _exit(status);
+    }
+    int wstatus = 0;
+    waitpid(pid, &wstatus, 0);
+    return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, read_text_file("child-output.txt")};
+}
+
+/* Every result of my_getopt over words until it returns 0, as "letter@which" items. */
+std::string scan_all(std::vector<const char *> words)
+{
+    std::vector<char *> argv;
+    for (const char *w : words) argv.push_back(const_cast<char *>(w));
+    argv.push_back(nullptr);
+    ChildResult r = run_in_child("", [&]() {
+        int which = -7, option, guard = 0;
+        while ((option = my_getopt((int)words.size(), argv.data(), "z:Z:w:W:o:O:t:T:m:M:i:I:13aAhHyY",
+                                   &which)) != 0 && guard++ < 10) {
+            if (option == -1) printf("?@%d ", which);
+            else printf("%c@%d ", option, which);
+        }
+        printf("end ");
+        /* never reset: a second scan of other words finds nothing */
+        char *other[] = {const_cast<char *>("x"), const_cast<char *>("-y"), nullptr};
+        printf("%d", my_getopt(2, other, "y", &which));
+        return 0;
+    });
+    return r.out;
+}
+
+void clear_list(file_list *list)
+{
+    file_list *node = list->next;
+    while (node != nullptr) {
+        file_list *next = node->next;
+        free(node);
+        node = next;
+    }
+    memset(list, 0, sizeof *list);
+}
+
+/* A help directory $QOR_HOME/documentation in the current temporary directory. */
+std::string make_help_home()
+{
+    if (system("mkdir -p home/documentation") != 0) return "";
+    char cwd[1024];
+    if (getcwd(cwd, sizeof cwd) == nullptr) return "";
+    std::string home = std::string(cwd) + "/home";
+    setenv("QOR_HOME", home.c_str(), 1);
+    return home;
+}
+
+const char *MAIN_MENU = "!0 0\n"
+                        "Main menu\n"
+                        " 1 first\n"
+                        "!1 0\n"
+                        "Menu one\n"
+                        "!1 1\n"
+                        "Alpha text\n"
+                        "!1 2\n"
+                        "Beta text\n"
+                        "second beta line\n"
+                        "!2 0\n"
+                        "Menu two\n"
+                        "> chained.txt\n"
+                        "not shown\n"
+                        "!2 1\n"
+                        "never shown\n";
+
+} // namespace
+
+TEST(GetLine, KeepsTheNewlineAndEndsWithNull)
+{
+    ScopedTempDir dir;
+    write_text_file("t.txt", "first\nsecond # not a comment here\n");
+    FILE *fp = fopen("t.txt", "r");
+    char line[1024];
+    EXPECT_STREQ(get_line(fp, line, sizeof line), "first\n");
+    EXPECT_STREQ(get_line(fp, line, sizeof line), "second # not a comment here\n");
+    EXPECT_EQ(get_line(fp, line, sizeof line), nullptr);
+    fclose(fp);
+}
+
+TEST(GetLine, ReadsUpTo1023CharactersWhateverSizeSays)
+{
+    ScopedTempDir dir;
+    write_text_file("t.txt", std::string(1500, 'a') + "\n");
+    FILE *fp = fopen("t.txt", "r");
+    char line[1024];
+    ASSERT_NE(get_line(fp, line, 8), nullptr);
+    EXPECT_EQ(strlen(line), 1023u);
+    ASSERT_NE(get_line(fp, line, 8), nullptr);
+    EXPECT_EQ(std::string(line), std::string(477, 'a') + "\n");
+    fclose(fp);
+}
+
+TEST(GetLineWithComment, EndsTheLineAtTheFirstHash)
+{
+    ScopedTempDir dir;
+    write_text_file("t.txt", "value 3 # three # more\n# whole line\nplain\n");
+    FILE *fp = fopen("t.txt", "r");
+    char line[1024];
+    EXPECT_STREQ(get_line_with_comment(fp, line, sizeof line), "value 3 ");
+    EXPECT_STREQ(get_line_with_comment(fp, line, sizeof line), "");
+    EXPECT_STREQ(get_line_with_comment(fp, line, sizeof line), "plain\n");
+    EXPECT_EQ(get_line_with_comment(fp, line, sizeof line), nullptr);
+    fclose(fp);
+}
+
+TEST(MyGetopt, PlainWordsAreImplicitIndividualFiles)
+{
+    ScopedTempDir dir;
+    EXPECT_EQ(scan_all({"align", "a.nii", "b.nii", "-t", "t.nii"}), "i@1 i@2 t@4 end 0");
+}
+
+TEST(MyGetopt, OnlyTheSecondCharacterCounts)
+{
+    ScopedTempDir dir;
+    /* -tfoo is -t and takes the next word; -yY is -y alone and takes nothing */
+    EXPECT_EQ(scan_all({"align", "-tfoo", "t.nii", "-yY", "-3"}), "t@2 y@3 3@4 end 0");
+}
+
+TEST(MyGetopt, UnknownOptionDoesNotAdvance)
+{
+    ScopedTempDir dir;
+    /* the caller stops at the first -1; the guard in scan_all ends the repetition */
+    std::string got = scan_all({"align", "-q", "a.nii"});
+    EXPECT_EQ(got.substr(0, 12), "?@1 ?@1 ?@1 ");
+}
+
+TEST(MyGetopt, ArgumentPositionStopsAtTheEndOfTheWords)
+{
+    ScopedTempDir dir;
+    EXPECT_EQ(scan_all({"align", "a.nii", "-t"}), "i@1 t@3 end 0");
+    EXPECT_EQ(scan_all({"align", "-", "x"}).substr(0, 4), "?@1 ");
+}
+
+TEST(ReadProgramInitFile, AppendsTheWordsOfTheFirstLineAfterTheProgramName)
+{
+    ScopedTempDir dir;
+    write_text_file(".align", "align a.nii  -t\tb.nii -y\nalign c.nii\n");
+    static char arguments[100][1024] = {"align", "-y"};
+    int myargc = 2;
+    read_program_init_file(".align", arguments, &myargc);
+    ASSERT_EQ(myargc, 6);
+    EXPECT_STREQ(arguments[2], "a.nii");
+    EXPECT_STREQ(arguments[3], "-t");
+    EXPECT_STREQ(arguments[4], "b.nii");
+    EXPECT_STREQ(arguments[5], "-y");
+}
+
+TEST(ReadProgramInitFile, MissingFileAndLeadingBlanks)
+{
+    ScopedTempDir dir;
+    static char arguments[100][1024] = {"align"};
+    int myargc = 1;
+    read_program_init_file(".align", arguments, &myargc);
+    EXPECT_EQ(myargc, 1);
+    /* a leading blank leaves an empty first word, so the program's name becomes an argument */
+    write_text_file(".align", " align a.nii\n");
+    read_program_init_file(".align", arguments, &myargc);
+    ASSERT_EQ(myargc, 3);
+    EXPECT_STREQ(arguments[1], "align");
+    EXPECT_STREQ(arguments[2], "a.nii");
+}
+
+TEST(ReadProgramInitFile, TableHoldsAtMostOneHundredWords)
+{
+    ScopedTempDir dir;
+    std::string line = "align";
+    for (int i = 0; i < 120; i++) line += " w" + std::to_string(i);
+    write_text_file(".align", line + "\n");
+    static char arguments[100][1024] = {"align"};
+    int myargc = 1;
+    read_program_init_file(".align", arguments, &myargc);
+    EXPECT_EQ(myargc, 100);
+    EXPECT_STREQ(arguments[99], "w98");
+}
+
+TEST(ActionHelp, PrintsTheTextWithoutCommentsAfterAnEmptyLine)
+{
+    ScopedTempDir dir;
+    make_help_home();
+    /* a comment line vanishes whole; a trailing comment takes the newline with it */
+    write_text_file("home/documentation/align-startup.txt", "# note\nUsage # hidden\nsecond line\n");
+    write_text_file("home/documentation/align-interactive-help1.txt", "keys one\n");
+    write_text_file("home/documentation/align-interactive-help2.txt", "keys two\n");
+    snprintf(program_name, sizeof program_name, "align");
+    EXPECT_EQ(run_in_child("", [] { action_help(0, 2); return 0; }).out, "\nUsage second line\n");
+    EXPECT_EQ(run_in_child("", [] { action_help(1, 1); return 0; }).out, "\nkeys one\n");
+    EXPECT_EQ(run_in_child("", [] { action_help(1, 2); return 0; }).out, "\nkeys two\n");
+}
+
+TEST(HelpMenu, QInsideAMenuGoesBack)
+{
+    ScopedTempDir dir;
+    make_help_home();
+    write_text_file("home/documentation/menu.txt", MAIN_MENU);
+    /* q in menu 1 goes to the main menu; "what" at the main menu quits like q */
+    ChildResult r = run_in_child("1\nq\nwhat\n1\n", [] { return help_menu(0, "menu.txt"); });
+    std::string main_text = std::string("Main menu\n 1 first\n") + SEPARATOR + "help > ";
+    std::string menu_one = std::string("Menu one\n") + SEPARATOR + "help >> ";
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.substr(r.out.find('\n') + 1), main_text + menu_one + main_text);
+}
+
+TEST(HelpMenu, HeadersOutOfOrderAreRefused)
+{
+    ScopedTempDir dir;
+    std::string home = make_help_home();
+    write_text_file("home/documentation/bad.txt", "!0 0\nmain\n!1 0\none\n!1 1\nx\n!3 5\ny\n");
+    ChildResult r = run_in_child("", [] { return help_menu(0, "bad.txt"); });
+    std::string path = home + "/documentation/bad.txt";
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "Help from file " + path + "\nWarning: menu entry 3 in file " + path +
+                         " is 3 5,\nbut it should be either 1 2 or 2 1,\n");
+}
+
+TEST(HelpMenu, MissingFileAndMissingVariable)
+{
+    ScopedTempDir dir;
+    std::string home = make_help_home();
+    ChildResult r = run_in_child("", [] { return help_menu(0, "none.txt"); });
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "Error: cannot open the file " + home + "/documentation/none.txt.\n"
+                     "The environment variable QOR_HOME is set to " + home + "\n"
+                     "If this is incorrect, quit, define this environment variable, and re-start.\n");
+    unsetenv("QOR_HOME");
+    r = run_in_child("", [] { return help_menu(0, "align-menu.txt"); });
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "For help, quit and define the environment variable QOR_HOME, and then re-start.\n");
+}
+
+TEST(ApplyStartupOption, ZoomOutsideOneToTenBecomesAutomatic)
+{
+    startup_options opts = {};
+    mosaic.zoom = 0;
+    apply_startup_option('z', "11", &opts);
+    EXPECT_EQ(mosaic.zoom, 0);
+    apply_startup_option('Z', "10", &opts);
+    EXPECT_EQ(mosaic.zoom, 10);
+    apply_startup_option('z', "0", &opts);
+    EXPECT_EQ(mosaic.zoom, 0);
+    apply_startup_option('z', "1", &opts);
+    EXPECT_EQ(mosaic.zoom, 1);
+    apply_startup_option('z', "-3", &opts);
+    EXPECT_EQ(mosaic.zoom, 0);
+}
+
+TEST(ApplyStartupOption, WrapDigitsPerAxis)
+{
+    ScopedTempDir dir;
+    ChildResult r = run_in_child("", [] {
+        startup_options opts = {};
+        apply_startup_option('W', "101", &opts);
+        apply_startup_option('W', "11", &opts);
+        apply_startup_option('W', "-11", &opts);
+        apply_startup_option('W', "234", &opts);
+        return 0;
+    });
+    EXPECT_EQ(r.out, "Wrapping in (x,y,z) = (1,0,1)\n"
+                     "Wrapping in (x,y,z) = (0,1,1)\n"
+                     "Wrapping in (x,y,z) = (0,-1,-1)\n"
+                     "Wrapping in (x,y,z) = (2,3,4)\n");
+    startup_options opts = {};
+    testing::internal::CaptureStdout();
+    apply_startup_option('W', "101", &opts);
+    fflush(stdout);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(opts.iWrap, 101);
+    EXPECT_EQ(Alignment.WrapAround.x, 1);
+    EXPECT_EQ(Alignment.WrapAround.y, 0);
+    EXPECT_EQ(Alignment.WrapAround.z, 1);
+}
+
+TEST(ApplyStartupOption, FlipsToggleAndThreePlanesSwitchOn)
+{
+    startup_options opts = {};
+    mosaic.flip_X11_y = 1;
+    mosaic.display_ortho_ZY = 1;
+    mosaic.display_3orthogonal = 0;
+    apply_startup_option('y', "-y", &opts);
+    EXPECT_EQ(mosaic.flip_X11_y, 0);
+    EXPECT_EQ(mosaic.display_ortho_ZY, 1);
+    apply_startup_option('y', "-y", &opts);
+    EXPECT_EQ(mosaic.flip_X11_y, 1);
+    apply_startup_option('Y', "-Y", &opts);
+    EXPECT_EQ(mosaic.display_ortho_ZY, 0);
+    EXPECT_EQ(mosaic.flip_X11_y, 1);
+    apply_startup_option('3', "-3", &opts);
+    EXPECT_EQ(mosaic.display_3orthogonal, 1);
+    apply_startup_option('A', "-A", &opts);
+    EXPECT_EQ(opts.batch_mode, 1);
+}
+
+TEST(ApplyStartupOption, PanelsAndSideFileNames)
+{
+    startup_options opts = {};
+    apply_startup_option('m', "6", &opts);
+    EXPECT_EQ(opts.number_panels, 6);
+    apply_startup_option('M', "six", &opts); /* not a number: the previous value stays */
+    EXPECT_EQ(opts.number_panels, 6);
+    apply_startup_option('o', "a.ovl", &opts);
+    apply_startup_option('O', "b.ovl", &opts);
+    apply_startup_option('w', "c.wire", &opts);
+    EXPECT_STREQ(opts.ovl_name, "b.ovl");
+    EXPECT_STREQ(opts.wire_name, "c.wire");
+}
+
+TEST(ApplyStartupOption, FileOptionsBuildOrderedLists)
+{
+    clear_list(&individual_files);
+    clear_list(&template_files);
+    startup_options opts = {};
+    apply_startup_option('i', "a.nii", &opts);
+    apply_startup_option('I', "b.nii", &opts);
+    apply_startup_option('i', "c.nii", &opts);
+    apply_startup_option('T', "t.nii", &opts);
+    EXPECT_STREQ(individual_files.file_name, "a.nii");
+    ASSERT_NE(individual_files.next, nullptr);
+    EXPECT_STREQ(individual_files.next->file_name, "b.nii");
+    ASSERT_NE(individual_files.next->next, nullptr);
+    EXPECT_STREQ(individual_files.next->next->file_name, "c.nii");
+    EXPECT_EQ(individual_files.next->next->next, nullptr);
+    EXPECT_STREQ(template_files.file_name, "t.nii");
+    EXPECT_EQ(template_files.next, nullptr);
+    clear_list(&individual_files);
+    clear_list(&template_files);
+}
+
+TEST(ApplyStartupOption, LettersWithoutAnActionAreReturned)
+{
+    startup_options opts = {};
+    EXPECT_EQ(apply_startup_option('1', "-1", &opts), 1);
+    EXPECT_EQ(apply_startup_option('z', "3", &opts), 0);
+}
+
+TEST(AddImageFile, FillsAnEmptyHeadThenAppendsAtTheTail)
+{
+    file_list list = {};
+    add_image_file(&list, "", 0, 0);
+    EXPECT_STREQ(list.file_name, "");
+    EXPECT_EQ(list.next, nullptr);
+    add_image_file(&list, "x.nii", 1, 6);
+    EXPECT_STREQ(list.file_name, "x.nii");
+    EXPECT_EQ(list.scale_log, 1);
+    EXPECT_EQ(list.type, 6);
+    add_image_file(&list, "y.nii", 0, 0);
+    add_image_file(&list, "z.nii", 0, 0);
+    ASSERT_NE(list.next, nullptr);
+    ASSERT_NE(list.next->next, nullptr);
+    EXPECT_STREQ(list.next->next->file_name, "z.nii");
+    EXPECT_EQ(list.next->next->next, nullptr);
+    clear_list(&list);
+}
