@@ -4,7 +4,7 @@
    and the time point of the displayed stack. Reads and writes mosaic and contrast_low/high. */
 
 /* A button-1 release counts as a drag only when both x and y moved.
-   Deliberate: a purely horizontal or vertical drag is a click (DragRule.OneAxisIsAClick). */
+   Deliberate: a purely horizontal or vertical drag is a click (ContrastDrag.OneAxisIsAClick). */
 int is_contrast_drag(int x_press, int y_press, int x_release, int y_release);
 /* Moves contrast_low/high for a drag; the levels move towards -0.5 and 1.75. */
 void apply_contrast_drag(int x_press, int y_press, int x_release, int y_release);

@@ -8,7 +8,9 @@
 /* One 24-bit pixel red*65536 + green*256 + blue from a data value, an activation value, an
    overlay weight, a crosshair weight and a highlight weight (0..1 each; 0 means absent), and an
    overlay colour code 1..8. Priority: highlight, overlay, activation, grey; a style-1
-   crosshair overrides all of them and blends only with the grey value. */
+   crosshair overrides all of them.
+   Deliberate: the crosshair blends with the grey value, not with the colour beneath it
+   (ImagePixel.CrosshairStyleOneBlendsWithGreyNotWithOverlay). */
 unsigned long image_pixel(float data, float map, float ovl, float cross, float proj, int ovl_color);
 
 /* Colour ramps of an activation value (thresholds of mosaic.activation, index through
@@ -23,7 +25,8 @@ float get_activation_threshold(int low_or_high);
    under the two-sided scheme 0. */
 void set_activation_threshold(int low_or_high, float value);
 
-/* Rebuilds the neighbourhood arrays of the plane kinds the current layout shows. */
+/* Rebuilds the neighbourhood arrays of the plane kinds the current layout shows.
+   Deliberate: the name keeps its historical spelling. */
 void create_neighorhoods(void);
 /* Neighbourhood array of one plane kind (0 XY, 1 ZY, 2 XZ, 3 YZ): one entry per screen pixel
    of the plane at the current zoom, row by row. Sets the plane's OnGrid flag. */

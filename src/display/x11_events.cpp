@@ -308,7 +308,9 @@ static void step_wire_colours(void)
         }
 }
 
-/* The common keys; 0 when the key is not one of them. */
+/* The common keys; 0 when the key is not one of them.
+   Deliberate: 'r' and 'R' read the overlay and wire files here, so the program's own meaning
+   of those keys (recall of align.com) never runs: the common table is looked at first. */
 static int common_key(int code)
 {
     switch (code) {
