@@ -3,6 +3,9 @@
    conversions, the grey window (rescale_image) and the crosshair reset. Reads and writes
    mosaic and the grey-window globals. */
 #include "types.h"
+
+/* Width in pixels of the alignment control panel at the right of the image window. */
+#define ALIGN_RIGHT_PANEL_WIDTH 160
 IPOINT2D compute_display_size(IPOINT2D *RoughDisplaySize);
 void automatically_set_panels(int nslices, int *nx, int *ny);
 void define_mosaic_cursor_location(int x, int y);

@@ -1,1 +1,225 @@
-// tests for resample
+// Resampling of the individual onto the template grid: kernels, masking rules, wrap-around,
+// partial (basis-box) resampling, displacement maps and thread independence.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "globals.h"
+#include "numerics.h"
+#include "resample.h"
+#include "test_support.h"
+#include "volume.h"
+
+namespace {
+
+// Template (all ones) and individual on their own grids, maps on the template grid, identity
+// parameters and the centred matrices the driver stores in Alignment.
+void make_scene(int n, float rt, int on, float ro)
+{
+    make_stack(&template_, n, n, n, 1, rt, rt, rt);
+    make_stack(&individual, n, n, n, 1, rt, rt, rt);
+    make_stack(&original, on, on, on, 1, ro, ro, ro);
+    make_stack(&distort_x, n, n, n, 2, rt, rt, rt);
+    make_stack(&distort_y, n, n, n, 2, rt, rt, rt);
+    make_stack(&distort_z, n, n, n, 2, rt, rt, rt);
+    for (int i = 0; i < template_.n3d; i++) template_.SpaceTime.fData[i] = 1.0f;
+    Alignment = {};
+    graph = {};
+    iTime_Template = 0;
+    Alignment.RigidBody = 1;
+    Alignment.value[6] = Alignment.value[7] = Alignment.value[8] = 1.0f;
+    Alignment.dimension = template_.dim;
+    Alignment.resolution = template_.resolution;
+    Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_);
+    Alignment.xyz_to_ijk = centered_xyz_to_ijk(original);
+}
+
+void fill_random(data_stack *s, float lo, float hi, unsigned seed)
+{
+    std::mt19937 rng{seed};
+    std::uniform_real_distribution<float> u(lo, hi);
+    for (int i = 0; i < s->n3d; i++) s->SpaceTime.fData[i] = u(rng);
+}
+
+float at(data_stack *s, int x, int y, int z) { return s->SpaceTime.fData[index4d_stack(s, x, y, z, 0)]; }
+float &ref(data_stack *s, int x, int y, int z) { return s->SpaceTime.fData[index4d_stack(s, x, y, z, 0)]; }
+
+double gauss_weight(double d, double sigma) { return exp(-d * d / (2.0 * sigma * sigma)); }
+
+// Brute-force fast-kernel value at an individual position v (all samples inside the grid):
+// separable Gaussian of the given sigma over floor(v)-w .. ceil(v)+w, normalised.
+double gauss_oracle(const data_stack *s, double vx, double vy, double vz, int w, double sigma,
+                    int wrap_x)
+{
+    double sum = 0.0, wsum = 0.0;
+    for (int k = (int)floor(vz) - w; k <= (int)ceil(vz) + w; k++)
+        for (int j = (int)floor(vy) - w; j <= (int)ceil(vy) + w; j++)
+            for (int i = (int)floor(vx) - w; i <= (int)ceil(vx) + w; i++) {
+                int ii = i;
+                if (wrap_x) ii = (i + s->dim.x) % s->dim.x;
+                if (ii < 0 || ii >= s->dim.x || j < 0 || j >= s->dim.y || k < 0 || k >= s->dim.z) continue;
+                double wt = gauss_weight(vx - i, sigma) * gauss_weight(vy - j, sigma) * gauss_weight(vz - k, sigma);
+                sum += wt * s->SpaceTime.fData[ii + s->dim.x * (j + s->dim.y * k)];
+                wsum += wt;
+            }
+    return sum / wsum;
+}
+
+}  // namespace
+
+TEST(TransformCoordinates, IdentityWithTheAccurateKernelReproducesTheIndividual)
+{
+    make_scene(8, 1.0f, 8, 1.0f);
+    fill_random(&original, 1.0f, 100.0f, 1);
+    transform_coordinates(1, 1);
+    for (int i = 0; i < individual.n3d; i++)
+        ASSERT_NEAR(individual.SpaceTime.fData[i], original.SpaceTime.fData[i], 1e-4f) << i;
+}
+
+TEST(TransformCoordinates, IdentityWithTheFastKernelIsASlightlySmoothedCopy)
+{
+    make_scene(8, 1.0f, 8, 1.0f);
+    fill_random(&original, 1.0f, 100.0f, 2);
+    transform_coordinates(1, 0);
+    // sigma 0.425 (FWHM one voxel), half-width 1: neighbours weigh exp(-1/(2*0.425^2)) = 0.063
+    for (int z = 1; z < 7; z += 2)
+        for (int y = 1; y < 7; y += 3)
+            for (int x = 1; x < 7; x++)
+                EXPECT_NEAR(at(&individual, x, y, z), gauss_oracle(&original, x, y, z, 1, 0.425, 0), 2e-4);
+    // at the corner the samples off the grid are skipped, not counted as zeros
+    EXPECT_NEAR(at(&individual, 0, 0, 0), gauss_oracle(&original, 0, 0, 0, 1, 0.425, 0), 2e-4);
+}
+
+TEST(TransformCoordinates, ZeroTemplateVoxelAlwaysGivesZero)
+{
+    make_scene(6, 1.0f, 6, 1.0f);
+    fill_random(&original, 1.0f, 2.0f, 3);
+    ref(&template_, 2, 3, 4) = 0.0f;
+    ref(&template_, 0, 0, 0) = NAN;  // a NaN template value takes part
+    transform_coordinates(1, 1);
+    EXPECT_EQ(at(&individual, 2, 3, 4), 0.0f);
+    EXPECT_NEAR(at(&individual, 0, 0, 0), at(&original, 0, 0, 0), 1e-5f);
+}
+
+TEST(TransformCoordinates, VoxelsMappingOffTheGridOrOntoZeroAreZeroInAFullResampling)
+{
+    make_scene(6, 1.0f, 6, 1.0f);
+    fill_random(&original, 1.0f, 2.0f, 4);
+    ref(&original, 3, 3, 3) = 0.0f;
+    for (int i = 0; i < individual.n3d; i++) individual.SpaceTime.fData[i] = 7.0f;
+    Alignment.value[0] = 1.0f;  // template x maps to individual x - 1
+    transform_coordinates(1, 0);
+    EXPECT_EQ(at(&individual, 0, 2, 2), 0.0f);   // lands at x = -1
+    EXPECT_EQ(at(&individual, 4, 3, 3), 0.0f);   // nearest individual voxel holds 0
+    EXPECT_NE(at(&individual, 1, 2, 2), 0.0f);
+    // the neighbour of the zero voxel still averages it in (samples of value 0 are included)
+    EXPECT_NEAR(at(&individual, 3, 3, 3), gauss_oracle(&original, 2, 3, 3, 1, 0.425, 0), 2e-4);
+}
+
+TEST(TransformCoordinates, WrapAroundInXTakesTheLastColumnAndWrapsTheKernel)
+{
+    make_scene(8, 1.0f, 8, 1.0f);
+    fill_random(&original, 1.0f, 100.0f, 5);
+    Alignment.value[0] = 1.0f;  // template x = 0 maps to individual x = -1
+    Alignment.WrapAround = {1, 0, 0};
+    transform_coordinates(1, 1);
+    for (int y = 0; y < 8; y += 3)
+        EXPECT_NEAR(at(&individual, 0, y, 4), at(&original, 7, y, 4), 1e-4f);
+    transform_coordinates(1, 0);
+    // fast kernel: samples x = -2, -1, 0 are columns 6, 7 and 0
+    EXPECT_NEAR(at(&individual, 0, 3, 4), gauss_oracle(&original, -1, 3, 4, 1, 0.425, 1), 2e-4);
+    Alignment.WrapAround = {0, 0, 0};
+    transform_coordinates(1, 0);
+    EXPECT_EQ(at(&individual, 0, 3, 4), 0.0f);
+}
+
+TEST(TransformCoordinates, PartialResamplingTouchesOnlyTheBasisBox)
+{
+    make_scene(8, 1.0f, 8, 1.0f);
+    fill_random(&original, 1.0f, 100.0f, 6);
+    IPOINT3D start[2] = {{0, 0, 0}, {2, 1, 3}}, end[2] = {{8, 8, 8}, {5, 4, 6}};
+    AlignNL = {};
+    AlignNL.Index3DStart = start;
+    AlignNL.Index3DEnd = end;
+    AlignNL.iBasis = 1;
+    for (int i = 0; i < individual.n3d; i++) individual.SpaceTime.fData[i] = -5.0f;
+    ref(&template_, 3, 2, 4) = 0.0f;
+    Alignment.value[0] = 3.0f;  // template x = 2 lands off the grid
+    transform_coordinates(0, 1);
+    for (int z = 0; z < 8; z++)
+        for (int y = 0; y < 8; y++)
+            for (int x = 0; x < 8; x++) {
+                bool inside = x >= 2 && x < 5 && y >= 1 && y < 4 && z >= 3 && z < 6;
+                float got = at(&individual, x, y, z);
+                if (!inside || x == 2)
+                    EXPECT_EQ(got, -5.0f) << x << " " << y << " " << z;  // untouched, also off-grid
+                else if (x == 3 && y == 2 && z == 4)
+                    EXPECT_EQ(got, 0.0f);
+                else
+                    EXPECT_NEAR(got, at(&original, x - 3, y, z), 1e-4f);
+            }
+}
+
+TEST(TransformCoordinates, CoarserTemplateWidensBothKernelsToHalfWidthTwo)
+{
+    // 2 mm template over a 1 mm individual: r = 2, sigma = 0.85, samples floor(v)-2..ceil(v)+2
+    make_scene(6, 2.0f, 12, 1.0f);
+    fill_random(&original, 1.0f, 100.0f, 7);
+    transform_coordinates(1, 0);
+    // template voxel i sits at individual position 2i + 0.5
+    for (int x = 1; x < 5; x++)
+        EXPECT_NEAR(at(&individual, x, 2, 3), gauss_oracle(&original, 2 * x + 0.5, 4.5, 6.5, 2, 0.85, 0), 2e-4);
+    transform_coordinates(1, 1);
+    double sum = 0, wsum = 0;  // Lanczos oracle, half-width 2
+    for (int k = 4; k <= 9; k++)
+        for (int j = 2; j <= 7; j++)
+            for (int i = 2; i <= 7; i++) {
+                double w = Lanczos_filter(2, 6.5f - k) * Lanczos_filter(2, 4.5f - j) * Lanczos_filter(2, 4.5f - i);
+                sum += w * at(&original, i, j, k);
+                wsum += w;
+            }
+    EXPECT_NEAR(at(&individual, 2, 2, 3), sum / wsum, 2e-3);
+}
+
+TEST(TransformCoordinates, DisplacementMapsActLikeATranslation)
+{
+    make_scene(8, 1.0f, 8, 1.0f);
+    fill_random(&original, 1.0f, 100.0f, 8);
+    for (int i = 0; i < distort_y.n3d; i++) distort_y.SpaceTime.fData[i] = 1.25f;
+    transform_coordinates(1, 0);
+    std::vector<float> displaced(individual.SpaceTime.fData, individual.SpaceTime.fData + individual.n3d);
+    for (int i = 0; i < distort_y.n3d; i++) distort_y.SpaceTime.fData[i] = 0.0f;
+    Alignment.value[1] = -1.25f;  // the translation enters with a minus sign
+    transform_coordinates(1, 0);
+    EXPECT_EQ(0, memcmp(displaced.data(), individual.SpaceTime.fData, sizeof(float) * displaced.size()));
+}
+
+TEST(TransformCoordinates, OneThreadAndSeveralGiveBitIdenticalResults)
+{
+    make_scene(20, 1.5f, 24, 1.0f);
+    fill_random(&original, 0.0f, 50.0f, 9);
+    fill_random(&distort_x, -1.0f, 1.0f, 10);
+    fill_random(&distort_z, -0.5f, 0.5f, 11);
+    Alignment.value[0] = 1.3f;
+    Alignment.value[3] = 7.0f;
+    Alignment.value[5] = -4.0f;
+    Alignment.value[7] = 1.1f;
+    Alignment.value[9] = 0.05f;
+    Alignment.WrapAround = {0, 1, 0};
+    for (int accurate = 0; accurate < 2; accurate++) {
+        setenv("ALIGN_THREADS", "1", 1);
+        transform_coordinates(1, accurate);
+        std::vector<float> one(individual.SpaceTime.fData, individual.SpaceTime.fData + individual.n3d);
+        setenv("ALIGN_THREADS", "3", 1);
+        transform_coordinates(1, accurate);
+        EXPECT_EQ(0, memcmp(one.data(), individual.SpaceTime.fData, sizeof(float) * one.size()));
+        size_t nonzero = 0;
+        for (float v : one) nonzero += v != 0.0f;
+        EXPECT_GT(nonzero, one.size() / 2);
+    }
+    unsetenv("ALIGN_THREADS");
+}
