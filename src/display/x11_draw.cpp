@@ -96,10 +96,11 @@ void draw_selectable_text_image_x11(void)
     int band = info_band_y();
     int bx = bottom_menu_x();
     XFillRectangle(XServerDisplay, XPixmap_image, XGC_black, 0, 0, (unsigned)W, 30);
-    /* The bottom menu is the last 15 pixels of the bottom band, under the information line. */
-    XFillRectangle(XServerDisplay, XPixmap_image, XGC_black, bx, band + 30, (unsigned)(W - bx > 1 ? W - bx : 1), 15);
+    /* The bottom menu is the first text row of the bottom band, right of bx; the information
+       text uses the two rows below it. */
+    XFillRectangle(XServerDisplay, XPixmap_image, XGC_black, bx, band, (unsigned)(W - bx > 1 ? W - bx : 1), 15);
     for (SelectableText *t = mosaic.SelectText; t != NULL; t = t->next) {
-        int y = t->row == 0 ? 12 : (t->row == 1 ? 27 : band + 42);
+        int y = t->row == 0 ? 12 : (t->row == 1 ? 27 : band + 12);
         GC gc = item_is_inert(t) ? XGC_blue_text : (t->selected ? XGC_yellow_text : XGC_white_text);
         if (t->selected && !item_is_inert(t))
             XDrawRectangle(XServerDisplay, XPixmap_image, XGC_yellow, t->x - 2, y - 11, (unsigned)t->width, 13);
@@ -112,15 +113,26 @@ void draw_selectable_text_image_x11(void)
     int sx = W - x11_text_width(state) - 4;
     if (sx > 400) XDrawString(XServerDisplay, XPixmap_image, XGC_cyan_text, sx, 27, state, (int)strlen(state));
     copy_to_window(0, 0, W, 30);
-    copy_to_window(bx, band + 30, W - bx, 15);
+    copy_to_window(bx, band, W - bx, 15);
     XFlush(XServerDisplay);
 }
 
 /* ---- information line ---- */
 
+/* The information text: the left part of the first row of the bottom band and the two full
+   rows below it (the bottom menu holds the rest of the first row). */
 static void clear_info_line(void)
 {
-    XFillRectangle(XServerDisplay, XPixmap_image, XGC_black, 0, info_band_y(), (unsigned)window_width(), 30);
+    int band = info_band_y();
+    XFillRectangle(XServerDisplay, XPixmap_image, XGC_black, 0, band, (unsigned)(bottom_menu_x() > 1 ? bottom_menu_x() : 1), 15);
+    XFillRectangle(XServerDisplay, XPixmap_image, XGC_black, 0, band + 15, (unsigned)window_width(), 30);
+}
+
+static void copy_info_line(void)
+{
+    int band = info_band_y();
+    copy_to_window(0, band, bottom_menu_x(), 15);
+    copy_to_window(0, band + 15, window_width(), 30);
 }
 
 void show_information_text_image(int pointer_moved)
@@ -134,8 +146,8 @@ void show_information_text_image(int pointer_moved)
         snprintf(line1, sizeof line1, "(%d, %d, %d) = %g", mosaic.icursor.x, mosaic.icursor.y,
                  mosaic.icursor.z, value);
         snprintf(line2, sizeof line2, "%.2f %.2f %.2f mm", mosaic.cursor.x, mosaic.cursor.y, mosaic.cursor.z);
-        XDrawString(XServerDisplay, XPixmap_image, XGC_white_text, 4, band + 12, line1, (int)strlen(line1));
-        XDrawString(XServerDisplay, XPixmap_image, XGC_white_text, 4, band + 27, line2, (int)strlen(line2));
+        XDrawString(XServerDisplay, XPixmap_image, XGC_white_text, 4, band + 27, line1, (int)strlen(line1));
+        XDrawString(XServerDisplay, XPixmap_image, XGC_white_text, 4, band + 42, line2, (int)strlen(line2));
     } else if (mosaic.cursor_selection != 0 && mosaic.stack != NULL) {
         /* Not over the image: the crosshair voxel and its value. */
         IPOINT3D c = mosaic.icross;
@@ -143,10 +155,10 @@ void show_information_text_image(int pointer_moved)
         if (c.x >= 0 && c.x < d.x && c.y >= 0 && c.y < d.y && c.z >= 0 && c.z < d.z) {
             char line[1024];
             snprintf(line, sizeof line, "cross (%d, %d, %d) = %g", c.x, c.y, c.z, mosaic_data_3d(c));
-            XDrawString(XServerDisplay, XPixmap_image, XGC_cyan_text, 4, band + 12, line, (int)strlen(line));
+            XDrawString(XServerDisplay, XPixmap_image, XGC_cyan_text, 4, band + 27, line, (int)strlen(line));
         }
     }
-    copy_to_window(0, band, window_width(), 30);
+    copy_info_line();
     XFlush(XServerDisplay);
 }
 
@@ -157,10 +169,10 @@ void show_on_info_line_x11(const char *a, const char *b, const char *c)
     clear_info_line();
     char line[2100];
     snprintf(line, sizeof line, "%s %s", a != NULL ? a : "", b != NULL ? b : "");
-    XDrawString(XServerDisplay, XPixmap_image, XGC_yellow_text, 4, band + 12, line, (int)strlen(line));
+    XDrawString(XServerDisplay, XPixmap_image, XGC_yellow_text, 4, band + 27, line, (int)strlen(line));
     if (c != NULL && c[0] != '\0')
-        XDrawString(XServerDisplay, XPixmap_image, XGC_yellow_text, 4, band + 27, c, (int)strlen(c));
-    copy_to_window(0, band, window_width(), 30);
+        XDrawString(XServerDisplay, XPixmap_image, XGC_yellow_text, 4, band + 42, c, (int)strlen(c));
+    copy_info_line();
     XFlush(XServerDisplay);
 }
 

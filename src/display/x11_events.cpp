@@ -114,6 +114,7 @@ static void action_image_arrow_up_down(int up)
     } else {
         apply_contrast_shift(up);
         rescale_image(0);
+        rescale_image_settings();
     }
     build_image_display(1);
 }
@@ -146,6 +147,7 @@ static void action_image_arrow_left_right(int left)
     } else {
         apply_contrast_shift(left);
         rescale_image(0);
+        rescale_image_settings();
     }
     build_image_display(1);
 }
@@ -194,6 +196,7 @@ static void action_image_toggle_text_selection(int button)
     case 128:
         mosaic.display_data_type = (mosaic.display_data_type + 1) % 4;
         rescale_image(1);
+        rescale_image_settings();
         build_image_display(1);
         break;
     case 256: reset_or_recall_parameters(); build_image_display(1); show_alignment_info(); break;
@@ -239,6 +242,7 @@ static void action_image_button1(int press, int x, int y)
     if (is_contrast_drag(last_xbut, last_ybut, x, y)) {
         apply_contrast_drag(last_xbut, last_ybut, x, y);
         rescale_image(0);
+        rescale_image_settings();
         build_image_display(1);
         return;
     }
@@ -351,6 +355,7 @@ static int common_key(int code)
         contrast_low = 0.0f;
         contrast_high = 1.0f;
         rescale_image(1);
+        rescale_image_settings();
         build_image_display(1);
         return 1;
     case 'm': action_mirror_overlay(); update_root_overlay(1); update_image_and_graph(1); return 1;
