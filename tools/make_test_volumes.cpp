@@ -1,1 +1,376 @@
-int main() { return 0; }
+/* make_test_volumes: volumes with a known alignment for the tests and the README example.
+   Uses the program's own volume reader and affine matrix (align_core); writes minimal NIfTI-1
+   float volumes. Sets Alignment (value, RigidBody, Orient) for its own use. No X11. */
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <nifti1.h>
+#include <zlib.h>
+
+#include "align_model.h"
+#include "globals.h"
+#include "volume.h"
+#include "volume_load.h"
+
+static void usage(void)
+{
+    printf("usage:\n"
+           "  make_test_volumes moved <in.nii[.gz]> <out.nii> tx ty tz phi_xy phi_xz phi_yz sx sy sz [kxy kxz kyz]\n"
+           "      writes out.nii on the grid of in.nii such that aligning out.nii (individual) to in.nii\n"
+           "      (template) gives exactly these parameters (mm, degrees, factors; skews default 0).\n"
+           "  make_test_volumes mapping-error <template.nii[.gz]> <align.com> tx ty tz phi_xy phi_xz phi_yz sx sy sz [kxy kxz kyz]\n"
+           "      mean and max distance in mm, over the template's non-zero voxels, between the\n"
+           "      template-to-individual mappings of the given parameters and of the ones in align.com\n"
+           "      (the individual is taken to share the template's grid). Prints\n"
+           "      \"mean_error_mm <m>\" and \"max_error_mm <m>\".\n"
+           "  make_test_volumes shifted-phantom <shift_mm> <ind.nii> <tpl.nii>\n"
+           "      a 48^3 phantom of 2 mm voxels (tpl.nii) and the same moved by shift_mm along x\n"
+           "      (ind.nii); prints the parameters that undo the shift: \"translation <x> 0 0\".\n");
+}
+
+/* A ".gz" name is unpacked into a temporary ".nii" first; returns the name to read. */
+static std::string unpacked_name(const char *name, std::string *temporary)
+{
+    size_t n = strlen(name);
+    if (n < 3 || strcmp(name + n - 3, ".gz") != 0) return name;
+    char tmpl[] = "/tmp/make_test_volumes-XXXXXX";
+    int fd = mkstemp(tmpl);
+    if (fd < 0) return "";
+    close(fd);
+    unlink(tmpl);
+    std::string out = std::string(tmpl) + ".nii";
+    gzFile in = gzopen(name, "rb");
+    FILE *fp = fopen(out.c_str(), "wb");
+    if (in == NULL || fp == NULL) {
+        if (in) gzclose(in);
+        if (fp) fclose(fp);
+        return "";
+    }
+    char buffer[65536];
+    int got;
+    while ((got = gzread(in, buffer, sizeof buffer)) > 0) fwrite(buffer, 1, (size_t)got, fp);
+    gzclose(in);
+    fclose(fp);
+    *temporary = out;
+    return out;
+}
+
+static int read_volume(const char *name, data_stack *stack)
+{
+    std::string temporary, path = unpacked_name(name, &temporary);
+    if (path.empty()) {
+        printf("Error: cannot unpack %s\n", name);
+        return 1;
+    }
+    file_list list;
+    memset(&list, 0, sizeof list);
+    add_image_file(&list, path.c_str(), 0, 0);
+    int nfiles = 0;
+    int status = read_SpaceTime_data(0, stack, &list, &nfiles);
+    if (!temporary.empty()) unlink(temporary.c_str());
+    return status;
+}
+
+static int write_float_nifti(const char *name, IPOINT3D dim, POINT3D res, const float *data)
+{
+    nifti_1_header h;
+    memset(&h, 0, sizeof h);
+    h.sizeof_hdr = 348;
+    h.dim[0] = 3;
+    h.dim[1] = (short)dim.x;
+    h.dim[2] = (short)dim.y;
+    h.dim[3] = (short)dim.z;
+    h.dim[4] = 1;
+    h.datatype = DT_FLOAT32;
+    h.bitpix = 32;
+    h.pixdim[0] = 1.0f;
+    h.pixdim[1] = res.x;
+    h.pixdim[2] = res.y;
+    h.pixdim[3] = res.z;
+    h.vox_offset = 352.0f;
+    h.scl_slope = 1.0f;
+    h.xyzt_units = NIFTI_UNITS_MM;
+    memcpy(h.magic, "n+1", 4);
+    FILE *fp = fopen(name, "wb");
+    if (fp == NULL) {
+        printf("Error: cannot open %s\n", name);
+        return 1;
+    }
+    char extender[4] = {0, 0, 0, 0};
+    size_t n = (size_t)dim.x * dim.y * dim.z;
+    int ok = fwrite(&h, 348, 1, fp) == 1 && fwrite(extender, 4, 1, fp) == 1 && fwrite(data, sizeof(float), n, fp) == n;
+    if (fclose(fp) != 0) ok = 0;
+    if (!ok) {
+        printf("Error: cannot write %s\n", name);
+        return 1;
+    }
+    return 0;
+}
+
+/* 4x4 products and inverse in double. */
+typedef double dmat[4][4];
+static void to_double(const float m[4][4], dmat out)
+{
+    for (int i = 0; i < 4; i++)
+        for (int j = 0; j < 4; j++) out[i][j] = m[i][j];
+}
+static void multiply(const dmat a, const dmat b, dmat out)
+{
+    dmat c;
+    for (int i = 0; i < 4; i++)
+        for (int j = 0; j < 4; j++) {
+            c[i][j] = 0.0;
+            for (int k = 0; k < 4; k++) c[i][j] += a[i][k] * b[k][j];
+        }
+    memcpy(out, c, sizeof c);
+}
+static int invert(const dmat a, dmat out)
+{
+    double m[4][8];
+    for (int i = 0; i < 4; i++)
+        for (int j = 0; j < 8; j++) m[i][j] = j < 4 ? a[i][j] : (j - 4 == i ? 1.0 : 0.0);
+    for (int c = 0; c < 4; c++) {
+        int p = c;
+        for (int r = c + 1; r < 4; r++)
+            if (fabs(m[r][c]) > fabs(m[p][c])) p = r;
+        if (m[p][c] == 0.0) return 1;
+        for (int j = 0; j < 8; j++) std::swap(m[c][j], m[p][j]);
+        double d = m[c][c];
+        for (int j = 0; j < 8; j++) m[c][j] /= d;
+        for (int r = 0; r < 4; r++)
+            if (r != c) {
+                double f = m[r][c];
+                for (int j = 0; j < 8; j++) m[r][j] -= f * m[c][j];
+            }
+    }
+    for (int i = 0; i < 4; i++)
+        for (int j = 0; j < 4; j++) out[i][j] = m[i][j + 4];
+    return 0;
+}
+
+/* The program's template-voxel -> individual-voxel mapping for parameters p on one grid:
+   centred space-to-voxel . Affine . centred voxel-to-space. */
+static void voxel_mapping(const float p[12], int rigid_body, const data_stack &grid, dmat out)
+{
+    for (int j = 0; j < 12; j++) Alignment.value[j] = p[j];
+    Alignment.RigidBody = rigid_body;
+    Alignment.OrientRotation = {0, 0, 0};
+    Alignment.OrientSwapZ = 0;
+    define_affine_matrix();
+    mat44 to_space = centered_ijk_to_xyz(grid);
+    dmat c, ci, a;
+    to_double(to_space.m, c);
+    invert(c, ci);
+    to_double(Alignment.Affine, a);
+    multiply(a, c, out);
+    multiply(ci, out, out);
+}
+
+static void apply(const dmat m, double x, double y, double z, double *o)
+{
+    for (int r = 0; r < 3; r++) o[r] = m[r][0] * x + m[r][1] * y + m[r][2] * z + m[r][3];
+}
+
+static float trilinear(const data_stack &s, const double v[3])
+{
+    int x0 = (int)floor(v[0]), y0 = (int)floor(v[1]), z0 = (int)floor(v[2]);
+    double fx = v[0] - x0, fy = v[1] - y0, fz = v[2] - z0, sum = 0.0;
+    for (int dz = 0; dz < 2; dz++)
+        for (int dy = 0; dy < 2; dy++)
+            for (int dx = 0; dx < 2; dx++) {
+                int x = x0 + dx, y = y0 + dy, z = z0 + dz;
+                if (x < 0 || y < 0 || z < 0 || x >= s.dim.x || y >= s.dim.y || z >= s.dim.z) continue;
+                double w = (dx ? fx : 1.0 - fx) * (dy ? fy : 1.0 - fy) * (dz ? fz : 1.0 - fz);
+                sum += w * s.SpaceTime.fData[x + s.dim.x * (y + s.dim.y * z)];
+            }
+    return (float)sum;
+}
+
+/* Twelve parameters from argv (skews optional); returns 1 on a bad count or number. */
+static int read_parameters(int argc, char **argv, int first, float p[12])
+{
+    int n = argc - first;
+    if (n != 9 && n != 12) return 1;
+    for (int j = 0; j < 12; j++) p[j] = 0.0f;
+    for (int j = 0; j < n; j++) {
+        char *end;
+        p[j] = strtof(argv[first + j], &end);
+        if (*end != '\0') return 1;
+    }
+    return 0;
+}
+
+static void print_parameters(const char *title, const float p[12])
+{
+    printf("%s translations %g %g %g rotations %g %g %g inflations %g %g %g skews %g %g %g\n", title, p[0],
+           p[1], p[2], p[3], p[4], p[5], p[6], p[7], p[8], p[9], p[10], p[11]);
+}
+
+static int command_moved(int argc, char **argv)
+{
+    float p[12];
+    if (argc < 4 || read_parameters(argc, argv, 4, p)) {
+        usage();
+        return 1;
+    }
+    data_stack in;
+    memset(&in, 0, sizeof in);
+    if (read_volume(argv[2], &in)) return 1;
+    dmat map, inverse;
+    voxel_mapping(p, 1, in, map);
+    if (invert(map, inverse)) {
+        printf("Error: the parameters give a singular mapping\n");
+        return 1;
+    }
+    std::vector<float> out((size_t)in.n3d, 0.0f);
+    for (int z = 0; z < in.dim.z; z++)
+        for (int y = 0; y < in.dim.y; y++)
+            for (int x = 0; x < in.dim.x; x++) {
+                double t[3];
+                apply(inverse, x, y, z, t);
+                out[(size_t)x + (size_t)in.dim.x * (y + (size_t)in.dim.y * z)] = trilinear(in, t);
+            }
+    if (write_float_nifti(argv[3], in.dim, in.resolution, out.data())) return 1;
+    print_parameters("moved by", p);
+    return 0;
+}
+
+/* The affine values of the set lines of align.com (other lines are ignored). */
+static int read_align_com(const char *name, float p[12], int *rigid_body)
+{
+    FILE *fp = fopen(name, "r");
+    if (fp == NULL) {
+        printf("Error: cannot open %s\n", name);
+        return 1;
+    }
+    char line[1024], word[1024], keyword[1024], type[1024];
+    const char *names[4] = {"registration-translations", "registration-rotations", "registration-inflations",
+                            "registration-skews"};
+    int found = 0;
+    for (int j = 0; j < 12; j++) p[j] = (j >= 6 && j <= 8) ? 1.0f : 0.0f;
+    *rigid_body = 1;
+    while (fgets(line, sizeof line, fp) != NULL) {
+        float a, b, c;
+        if (sscanf(line, "%1023s %1023s", word, keyword) != 2) continue;
+        if (strcmp(keyword, "registration-type") == 0 && sscanf(line, "%*s %*s %1023s", type) == 1)
+            *rigid_body = strcmp(type, "deck-of-cards") == 0 ? 0 : 1;
+        for (int k = 0; k < 4; k++)
+            if (strcmp(keyword, names[k]) == 0 && sscanf(line, "%*s %*s %f %f %f", &a, &b, &c) == 3) {
+                p[3 * k] = a;
+                p[3 * k + 1] = b;
+                p[3 * k + 2] = c;
+                found |= 1 << k;
+            }
+    }
+    fclose(fp);
+    if (found != 15) {
+        printf("Error: %s lacks some of the parameter lines\n", name);
+        return 1;
+    }
+    return 0;
+}
+
+static int command_mapping_error(int argc, char **argv)
+{
+    float truth[12], recovered[12];
+    int rigid_body;
+    if (argc < 4 || read_parameters(argc, argv, 4, truth)) {
+        usage();
+        return 1;
+    }
+    data_stack tpl;
+    memset(&tpl, 0, sizeof tpl);
+    if (read_volume(argv[2], &tpl)) return 1;
+    if (read_align_com(argv[3], recovered, &rigid_body)) return 1;
+    dmat true_map, found_map;
+    voxel_mapping(truth, 1, tpl, true_map);
+    voxel_mapping(recovered, rigid_body, tpl, found_map);
+    double sum = 0.0, largest = 0.0;
+    long count = 0;
+    for (int z = 0; z < tpl.dim.z; z++)
+        for (int y = 0; y < tpl.dim.y; y++)
+            for (int x = 0; x < tpl.dim.x; x++) {
+                if (tpl.SpaceTime.fData[x + tpl.dim.x * (y + tpl.dim.y * z)] == 0.0f) continue;
+                double a[3], b[3];
+                apply(true_map, x, y, z, a);
+                apply(found_map, x, y, z, b);
+                double dx = (a[0] - b[0]) * tpl.resolution.x, dy = (a[1] - b[1]) * tpl.resolution.y,
+                       dz = (a[2] - b[2]) * tpl.resolution.z;
+                double d = sqrt(dx * dx + dy * dy + dz * dz);
+                sum += d;
+                if (d > largest) largest = d;
+                count++;
+            }
+    if (count == 0) {
+        printf("Error: the template has no non-zero voxel\n");
+        return 1;
+    }
+    print_parameters("true", truth);
+    print_parameters("recovered", recovered);
+    printf("voxels %ld\n", count);
+    printf("mean_error_mm %.4f\n", sum / count);
+    printf("max_error_mm %.4f\n", largest);
+    return 0;
+}
+
+/* A head-like phantom in a 96 mm cube: an ellipsoid (zero outside) whose inside varies
+   smoothly, with two brighter blobs of distinct size, so that the similarity has a clear peak. */
+static float phantom_value(double px, double py, double pz)
+{
+    double r1 = px * px / (30.0 * 30.0) + py * py / (36.0 * 36.0) + pz * pz / (27.0 * 27.0);
+    if (r1 > 1.0) return 0.0f;
+    double b1 = ((px - 8.0) * (px - 8.0) + (py + 6.0) * (py + 6.0) + (pz - 3.0) * (pz - 3.0)) / (2.0 * 6.0 * 6.0);
+    double b2 = ((px + 12.0) * (px + 12.0) + (py - 14.0) * (py - 14.0) + (pz + 8.0) * (pz + 8.0)) / (2.0 * 4.0 * 4.0);
+    return (float)(60.0 + 20.0 * px / 30.0 + 10.0 * py / 36.0 + 100.0 * exp(-b1) + 60.0 * exp(-b2));
+}
+
+static int command_shifted_phantom(int argc, char **argv)
+{
+    char *end;
+    if (argc != 5) {
+        usage();
+        return 1;
+    }
+    double shift = strtod(argv[2], &end);
+    if (*end != '\0') {
+        usage();
+        return 1;
+    }
+    const int n = 48;
+    const float res = 2.0f;
+    std::vector<float> ind((size_t)n * n * n), tpl((size_t)n * n * n);
+    for (int z = 0; z < n; z++)
+        for (int y = 0; y < n; y++)
+            for (int x = 0; x < n; x++) {
+                /* positions in the centred frame: the origin midway between the middle voxels */
+                double px = (x - (n - 1) / 2.0) * res, py = (y - (n - 1) / 2.0) * res, pz = (z - (n - 1) / 2.0) * res;
+                size_t i = (size_t)x + (size_t)n * (y + (size_t)n * z);
+                tpl[i] = phantom_value(px, py, pz);
+                ind[i] = phantom_value(px - shift, py, pz);
+            }
+    IPOINT3D dim = {n, n, n};
+    POINT3D r = {res, res, res};
+    if (write_float_nifti(argv[3], dim, r, ind.data()) || write_float_nifti(argv[4], dim, r, tpl.data())) return 1;
+    /* the individual at template point q is found at q + shift, and the affine matrix adds
+       minus the translation: the undoing translation is -shift */
+    printf("translation %g 0 0\n", -shift);
+    return 0;
+}
+
+int main(int argc, char **argv)
+{
+    if (argc < 2) {
+        usage();
+        return 1;
+    }
+    if (strcmp(argv[1], "moved") == 0) return command_moved(argc, argv);
+    if (strcmp(argv[1], "mapping-error") == 0) return command_mapping_error(argc, argv);
+    if (strcmp(argv[1], "shifted-phantom") == 0) return command_shifted_phantom(argc, argv);
+    usage();
+    return 1;
+}

@@ -1,1 +1,336 @@
-/* affine_search: under construction */
+/* The automatic affine alignment: coarse-to-fine levels of coordinate-wise line searches on the
+   similarity, and the staged first search of the interactive action. Reads and writes
+   Alignment.value and AlignAid (Adjust, increment, iParameter, DisplaySet, SubSample*);
+   resamples individual. Redraws only through display_hooks. No X11. */
+#include "affine_search.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include "align_model.h"
+#include "display_hooks.h"
+#include "globals.h"
+#include "numerics.h"
+#include "panel_model.h"
+#include "prepare.h"
+#include "resample.h"
+#include "similarity.h"
+
+affine_trial_hooks AffineTrial = {transform_coordinates, cost_function};
+
+/* One trial of the current parameter values: resample, then measure. */
+static float evaluate_trial(int icost)
+{
+    AffineTrial.resample(1, 0);
+    return AffineTrial.cost(icost);
+}
+
+static float current_cost(int icost)
+{
+    return AffineTrial.cost(icost);
+}
+
+static int first_allowed_parameter(void)
+{
+    for (int j = 0; j < 12; j++)
+        if (AlignAid.Adjust[j]) return j;
+    return -1;
+}
+
+void ParabolicInterpolation(float X3Point[3], float Y3Point[3], float *XMax, float *YMax)
+{
+    float xs = 0.0f, ys = 0.0f, x[3], y[3];
+    int error_row = 0;
+
+    for (int k = 0; k < 3; k++) {
+        float dx = fabsf(X3Point[k] - X3Point[1]), dy = fabsf(Y3Point[k] - Y3Point[1]);
+        if (dx > xs) xs = dx;
+        if (dy > ys) ys = dy;
+    }
+    for (int k = 0; k < 3; k++) {
+        x[k] = (X3Point[k] - X3Point[1]) / xs;
+        y[k] = (Y3Point[k] - Y3Point[1]) / ys;
+    }
+
+    float **A = float_matrix(3, 3), **N = float_matrix(3, 3), **P = float_matrix(3, 3);
+    for (int k = 0; k < 3; k++) {
+        A[k][0] = x[k] * x[k];
+        A[k][1] = x[k];
+        A[k][2] = 1.0f;
+    }
+    Matrix_Product(N, 3, 3, A, 1, 3, A, 0);
+    if (rInvertSquareMatrix(3, N, &error_row) != 0) {
+        printf("maximize:\n");
+        printf("X: %f %f %f\n", x[0], x[1], x[2]);
+        printf("Y: %f %f %f\n", y[0], y[1], y[2]);
+        printf("Error: singular matrix in ParabolicInterpolation\n");
+        fflush(stdout);
+        exit(1);
+    }
+    /* (a, b, e) = (N^-1 A') y', all in float */
+    Matrix_Product(P, 3, 3, N, 0, 3, A, 1);
+    float coef[3];
+    for (int i = 0; i < 3; i++) {
+        coef[i] = 0.0f;
+        for (int k = 0; k < 3; k++) coef[i] += P[i][k] * y[k];
+    }
+    free_float_matrix(P, 3, 3);
+    free_float_matrix(N, 3, 3);
+    free_float_matrix(A, 3, 3);
+
+    float a = coef[0], b = coef[1], e = coef[2];
+    float xv = (-b / 2.0f) / a;
+    float yv = e + a * xv * xv + b * xv;
+    *XMax = xv * xs + X3Point[1];
+    *YMax = yv * ys + Y3Point[1];
+}
+
+void line_scan_1d(int icost, float cost_initial, float *cost_final, float *increment_final)
+{
+    int p = AlignAid.iParameter;
+    float v = Alignment.value[p], h = AlignAid.increment[p];
+    float X3Point[3], Y3Point[3], xbest, ybest;
+
+    X3Point[0] = v - h;
+    X3Point[1] = v;
+    X3Point[2] = v + h;
+    Alignment.value[p] = X3Point[0];
+    Y3Point[0] = evaluate_trial(icost);
+    Y3Point[1] = cost_initial;
+    Alignment.value[p] = X3Point[2];
+    Y3Point[2] = evaluate_trial(icost);
+
+    if (Y3Point[1] > Y3Point[0] && Y3Point[1] > Y3Point[2]) {
+        ParabolicInterpolation(X3Point, Y3Point, &xbest, &ybest);
+        Alignment.value[p] = xbest;
+        AlignAid.increment[p] = h / 2.0f;
+        *cost_final = ybest;
+        *increment_final = xbest - v;
+        return;
+    }
+
+    int direction;
+    if (Y3Point[0] >= Y3Point[1]) direction = -1;
+    else if (Y3Point[2] >= Y3Point[1]) direction = 1;
+    else {
+        printf("Programming or memory error in line_scan_1d\n");
+        printf("X3Point = (%g %g %g), Y3Point = (%g %g %g)\n", X3Point[0], X3Point[1], X3Point[2],
+               Y3Point[0], Y3Point[1], Y3Point[2]);
+        fflush(stdout);
+        exit(1);
+    }
+
+    /* March from the better end while the similarity does not fall; the bracket's middle
+       point is always the best seen before the newest point. No step limit. */
+    for (;;) {
+        float xnew, ynew;
+        if (direction < 0) {
+            xnew = X3Point[0] - h;
+            Alignment.value[p] = xnew;
+            ynew = evaluate_trial(icost);
+            X3Point[2] = X3Point[1]; Y3Point[2] = Y3Point[1];
+            X3Point[1] = X3Point[0]; Y3Point[1] = Y3Point[0];
+            X3Point[0] = xnew;       Y3Point[0] = ynew;
+        } else {
+            xnew = X3Point[2] + h;
+            Alignment.value[p] = xnew;
+            ynew = evaluate_trial(icost);
+            X3Point[0] = X3Point[1]; Y3Point[0] = Y3Point[1];
+            X3Point[1] = X3Point[2]; Y3Point[1] = Y3Point[2];
+            X3Point[2] = xnew;       Y3Point[2] = ynew;
+        }
+        if (ynew < Y3Point[1]) break;
+    }
+    ParabolicInterpolation(X3Point, Y3Point, &xbest, &ybest);
+    *cost_final = ybest;
+    *increment_final = xbest - v;
+}
+
+int adjust_affine_1pass(int icost, int ilevel)
+{
+    float gain[12], step[12], start_increment[12];
+    float cost0 = current_cost(icost);
+
+    for (int j = 0; j < 12; j++) {
+        gain[j] = step[j] = 0.0f;
+        if (!AlignAid.Adjust[j] || AlignAid.increment[j] == 0.0f) continue;
+        AlignAid.iParameter = j;
+        float remembered = Alignment.value[j], best_cost, best_offset;
+        line_scan_1d(icost, cost0, &best_cost, &best_offset);
+        Alignment.value[j] = remembered;
+        gain[j] = best_cost - cost0;
+        step[j] = best_offset;
+        refresh_display_image();
+        show_alignment_info();
+    }
+
+    float sum = 0.0f;
+    for (int j = 0; j < 12; j++) sum += gain[j] * gain[j];
+    float norm = (float)sqrt((double)sum);
+    if (norm == 0.0f) return 0;
+
+    for (int j = 0; j < 12; j++) start_increment[j] = AlignAid.increment[j];
+    get_starting_increments(ilevel, start_increment);
+    int changed = 0;
+    for (int j = 0; j < 12; j++) {
+        if (!AlignAid.Adjust[j]) continue;
+        float move = step[j] * gain[j] / norm;
+        Alignment.value[j] += move;
+        if (fabsf(move) >= start_increment[j] / 8.0f) changed = 1;
+        else AlignAid.increment[j] = 0.0f;
+    }
+    int first = first_allowed_parameter();
+    if (first >= 0) AlignAid.iParameter = first;
+
+    AffineTrial.resample(1, 0);
+    show_alignment_info();
+    refresh_display_image();
+    return changed;
+}
+
+void auto_adjust_affine_iterations(int icost, int ilevel_max, int ilevel_min)
+{
+    char text[1024];
+    const char *cost_name = icost == 0 ? "mutual information" : "normalized correlation";
+
+    if (AlignAid.DisplayType != 0) action_change_display_type(0);
+    if (AlignAid.DisplaySet != 1) {
+        AlignAid.DisplaySet = 1;
+        update_display_set();
+        show_alignment_info();
+    }
+
+    for (int level = ilevel_max; level >= ilevel_min; level--) {
+        print_parameter_set(1, level);
+        /* A finishing run that starts at level 1 is held to the finer threshold. */
+        float threshold = level != 1 ? 0.05f : (ilevel_max == 1 ? 0.005f : 0.02f);
+        float relative_gain;
+        do {
+            action_set_increments(level);
+            snprintf(text, sizeof text, "level %d", level);
+            show_on_info_line(text, cost_name, "");
+
+            float cost_start = current_cost(icost), cost_prev = cost_start, cost;
+            float saved[12];
+            for (int j = 0; j < 12; j++) saved[j] = Alignment.value[j];
+            int npass = 0;
+            do {
+                /* Deliberate: the pass is run before the count is tested, so a cycle runs up
+                   to 21 passes and applies the last one too.
+                   Pinned by AffineLevels.CycleStopsAfterTwentyOnePasses. */
+                for (;;) {
+                    if (!adjust_affine_1pass(icost, level) || npass >= 20) break;
+                    cost = current_cost(icost);
+                    int improved = cost / cost_prev > 1.005f;
+                    cost_prev = cost;
+                    npass++;
+                    if (!improved) break;
+                }
+                /* Deliberate: nothing changes since the last evaluation, so this test
+                   normally ends the cycle; kept as it is. */
+                cost = current_cost(icost);
+            } while (cost / cost_prev > 1.01f && npass < 20);
+
+            action_set_increments(level);
+            /* Deliberate: the restore does not resample; the next cycle starts from the
+               resampling of the discarded values. */
+            if (cost_start > cost)
+                for (int j = 0; j < 12; j++) Alignment.value[j] = saved[j];
+            relative_gain = (cost - cost_start) / cost_start;
+            print_parameter_set(0, level);
+        } while (relative_gain >= threshold);
+    }
+}
+
+static int any_allowed(void)
+{
+    return first_allowed_parameter() >= 0;
+}
+
+/* The user's flags restricted to parameters 0 .. nlast-1. */
+static int allow_first_parameters(const int saved[12], int nlast)
+{
+    for (int j = 0; j < 12; j++) AlignAid.Adjust[j] = j < nlast ? saved[j] : 0;
+    return any_allowed();
+}
+
+static void halve_sub_sampling(void)
+{
+    AlignAid.SubSampleSetting.x = AlignAid.SubSample.x / 2 > 1 ? AlignAid.SubSample.x / 2 : 1;
+    AlignAid.SubSampleSetting.y = AlignAid.SubSample.y / 2 > 1 ? AlignAid.SubSample.y / 2 : 1;
+    AlignAid.SubSampleSetting.z = AlignAid.SubSample.z / 2 > 1 ? AlignAid.SubSample.z / 2 : 1;
+}
+
+void action_auto_adjust_affine(int button)
+{
+    static int first_call = 1;
+
+    if (!any_allowed()) {
+        printf("No parameter is allowed to change: automatic alignment not started.\n");
+        fflush(stdout);
+        return;
+    }
+    if (AlignAid.DisplaySet != 1) {
+        AlignAid.DisplaySet = 1;
+        update_display_set();
+        show_alignment_info();
+    }
+    if (AlignAid.smooth_fov_fraction == 0) printf("\nThe rolloff filter is not applied. Is this a mistake??\n");
+
+    if (first_call) {
+        if (mosaic.toggle_overlays != 0 && ovl_root.npts > 0) {
+            printf("\nApply the overlay filter to remove extra-cerebral tissue.\n");
+            action_filter_overlay();
+        } else {
+            printf("An overlay is not active.\n");
+            printf("This is OK if the template has already been skull-stripped.\n");
+            printf("Otherwise, use a brain overlay before this step.\n");
+        }
+        fflush(stdout);
+        int saved[12];
+        for (int j = 0; j < 12; j++) saved[j] = AlignAid.Adjust[j];
+
+        /* Stage A: translations at the coarsest resolution */
+        if (allow_first_parameters(saved, 3)) {
+            IPOINT3D s = AlignAid.SubSampleSetting;
+            if (button == 1 && s.x * s.y * s.z != 1) action_change_resolution();
+            auto_adjust_affine_iterations(0, 3, 3);
+        }
+        /* Stage B: translations and rotations, then at half the sub-sampling */
+        if (allow_first_parameters(saved, 6)) {
+            IPOINT3D s = AlignAid.SubSample;
+            if (button == 1 && s.x * s.y * s.z != 1) {
+                auto_adjust_affine_iterations(0, 3, 1);
+                halve_sub_sampling();
+                action_change_resolution();
+                auto_adjust_affine_iterations(0, 2, 1);
+            } else {
+                auto_adjust_affine_iterations(0, 3, 1);
+            }
+        }
+        /* Stage C: the inflations join */
+        if (allow_first_parameters(saved, 9)) auto_adjust_affine_iterations(0, 2, 2);
+
+        for (int j = 0; j < 12; j++) AlignAid.Adjust[j] = saved[j];
+        first_call = 0;
+    }
+
+    AlignAid.iParameter = first_allowed_parameter();
+    if (button == 1) {
+        action_change_resolution();
+        auto_adjust_affine_iterations(0, 2, 2);
+        IPOINT3D s = AlignAid.SubSample;
+        if (s.x != 1 || s.y != 1 || s.z != 1) {
+            halve_sub_sampling();
+            action_change_resolution();
+        }
+    }
+    auto_adjust_affine_iterations(0, 1, 1);
+
+    print_parameter_set(2, 0);
+    update_alignment(1);
+    show_on_info_line("done", "", "");
+    printf("done\n");
+    fflush(stdout);
+}

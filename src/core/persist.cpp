@@ -1,1 +1,229 @@
-/* persist: under construction */
+/* "align.com": the affine parameters, the template geometry they refer to and the name of the
+   distortion maps, kept as `set keyword value' lines in the current directory.
+   Reads and writes Alignment, AlignAid.Adjust and (through the map files) distort_x/y/z. No X11. */
+#include "persist.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <unistd.h>
+
+#include "align_model.h"
+#include "distortion_files.h"
+#include "globals.h"
+#include "header_quill.h"
+#include "nl_model.h"
+#include "numerics.h"
+#include "text.h"
+
+/* A deformation exists when any element of the three maps is non-zero or NaN. */
+static int deformation_exists(void)
+{
+    data_stack *maps[3] = {&distort_x, &distort_y, &distort_z};
+    int n = distort_x.n3d;
+    for (int m = 0; m < 3; m++) {
+        const float *d = maps[m]->SpaceTime.fData;
+        if (d == NULL) continue;
+        for (int i = 0; i < n; i++)
+            if (d[i] != 0.0f || std::isnan(d[i])) return 1;
+    }
+    return 0;
+}
+
+int save_alignment_parameters(void)
+{
+    FILE *fp;
+    char cwd[1024], map_name[1024];
+
+    if ((fp = fopen("align.com", "w")) == NULL) {
+        printf("\nError: cannot open file align.com\n");
+        return 1;
+    }
+    if (Alignment.RigidBody == 0) fprintf(fp, "set registration-type deck-of-cards\n");
+    if (Alignment.registration == REG_PW_RAT_OLD) fprintf(fp, "set registration-space paxinos-rat\n");
+    else if (Alignment.registration == REG_PW_RAT) fprintf(fp, "set registration-space PW-rat\n");
+    fprintf(fp, "set registration-matrix %d %d %d\n", Alignment.dimension.x, Alignment.dimension.y,
+            Alignment.dimension.z);
+    fprintf(fp, "set registration-resolution %g %g %g\n", Alignment.resolution.x,
+            Alignment.resolution.y, Alignment.resolution.z);
+    fprintf(fp, "set registration-origin %g %g %g\n", Alignment.origin.x, Alignment.origin.y,
+            Alignment.origin.z);
+    fprintf(fp, "set registration-direction %g %g %g\n", Alignment.direction.x,
+            Alignment.direction.y, Alignment.direction.z);
+    fprintf(fp, "set registration-orientation %d %d %d %d\n", Alignment.OrientRotation.x,
+            Alignment.OrientRotation.y, Alignment.OrientRotation.z, Alignment.OrientSwapZ);
+    if (Alignment.WrapAround.x != 0 || Alignment.WrapAround.y != 0 || Alignment.WrapAround.z != 0)
+        fprintf(fp, "set registration-wrapping %d %d %d\n", Alignment.WrapAround.x,
+                Alignment.WrapAround.y, Alignment.WrapAround.z);
+    fprintf(fp, "set registration-translations %g %g %g\n", Alignment.value[0], Alignment.value[1],
+            Alignment.value[2]);
+    fprintf(fp, "set registration-rotations %g %g %g\n", Alignment.value[3], Alignment.value[4],
+            Alignment.value[5]);
+    fprintf(fp, "set registration-inflations %g %g %g\n", Alignment.value[6], Alignment.value[7],
+            Alignment.value[8]);
+    fprintf(fp, "set registration-skews %g %g %g\n", Alignment.value[9], Alignment.value[10],
+            Alignment.value[11]);
+
+    if (deformation_exists()) {
+        if (getcwd(cwd, sizeof cwd) == NULL) {
+            printf("Error: non-linear alignment parameters not saved.\n");
+            fclose(fp);
+            return 1;
+        }
+        printf("cwd = %s\n", cwd);
+        size_t len = strlen(cwd);
+        if (len + strlen("/distortions.nii") >= sizeof map_name) {
+            printf("Error: non-linear alignment parameters not saved.\n");
+            fclose(fp);
+            return 1;
+        }
+        memcpy(map_name, cwd, len);
+        memcpy(map_name + len, "/distortions.nii", strlen("/distortions.nii") + 1);
+        int status = write_distortion_files(map_name);
+        /* the writer cuts the name at its last '.'; put the extension back */
+        len = strlen(map_name);
+        if (len + 4 < sizeof map_name) memcpy(map_name + len, ".nii", 5);
+        if (status != 0) {
+            printf("Error writing file %s\n", map_name);
+            fclose(fp); /* closing here is harmless: the lines written so far reach the disk */
+            return 1;
+        }
+        fprintf(fp, "set registration-distortions %s\n", map_name);
+    }
+    fclose(fp);
+    printf("Alignment parameters were saved in file align.com\n");
+    fflush(stdout);
+    return 0;
+}
+
+/* Every failure of a recall closes the file and returns 1 (the values stored so far stay). */
+static int recall_failed(FILE *fp)
+{
+    fclose(fp);
+    fflush(stdout);
+    return 1;
+}
+
+/* Three floats read with "%g"; 1 when they do not all compare equal to the stored ones. */
+static int read_and_compare(const char *value, POINT3D stored, const char *keyword, const char *what)
+{
+    POINT3D p;
+    if (sscanf(value, "%g %g %g", &p.x, &p.y, &p.z) != 3) {
+        printf("Error reading the value of `set %s'\n", keyword);
+        return 1;
+    }
+    /* Deliberate: exact float equality after parsing, so a value that "%g" cannot carry
+       (1/3, say) is refused by the same program. Pinned by Recall.UnprintableResolutionRefused. */
+    if (!(p.x == stored.x && p.y == stored.y && p.z == stored.z)) {
+        printf("Error: the new %s (%g,%g,%g) does not match the template (%g,%g,%g)\n", what, p.x, p.y,
+               p.z, stored.x, stored.y, stored.z);
+        return 1;
+    }
+    return 0;
+}
+
+int recall_alignment_parameters(void)
+{
+    FILE *fp;
+    char line[1024], word[1024], keyword[1024];
+
+    if ((fp = fopen("align.com", "r")) == NULL) {
+        printf("\nError: cannot open file align.com\n");
+        return 1;
+    }
+    while (get_line_with_comment(fp, line, sizeof line) != NULL) {
+        /* Deliberate: the first word is never compared with "set".
+           Pinned by Recall.FirstWordNotChecked. */
+        if (sscanf(line, "%s", word) != 1) continue;
+        char *p = strstr(line, word) + strlen(word);
+        p = next_non_white(p);
+        if (sscanf(p, "%s", keyword) != 1) continue;
+        p = strstr(p, keyword) + strlen(keyword);
+        char *value = next_non_white(p);
+
+        if (strcmp(keyword, "registration-type") == 0) {
+            char type[1024];
+            if (sscanf(value, "%s", type) == 1 && strcmp(type, "deck-of-cards") == 0) Alignment.RigidBody = 0;
+            else Alignment.RigidBody = 1;
+        } else if (strcmp(keyword, "registration-space") == 0) {
+            char space[1024];
+            if (sscanf(value, "%s", space) == 1 && strcmp(space, "paxinos-rat") == 0)
+                Alignment.registration = REG_PW_RAT_OLD;
+            else Alignment.registration = REG_PW_RAT;
+        } else if (strcmp(keyword, "registration-matrix") == 0) {
+            IPOINT3D d;
+            if (sscanf(value, "%d %d %d", &d.x, &d.y, &d.z) != 3) {
+                /* Deliberate: the orientation keyword is named here.
+                   Pinned by Recall.MalformedMatrixNamesOrientation. */
+                printf("Error reading the value of `set registration-orientation'\n");
+                return recall_failed(fp);
+            }
+            if (d.x != Alignment.dimension.x || d.y != Alignment.dimension.y || d.z != Alignment.dimension.z) {
+                printf("Error: the new matrix size (%d,%d,%d) does not match the template (%d,%d,%d)\n", d.x,
+                       d.y, d.z, Alignment.dimension.x, Alignment.dimension.y, Alignment.dimension.z);
+                return recall_failed(fp);
+            }
+        } else if (strcmp(keyword, "registration-resolution") == 0) {
+            if (read_and_compare(value, Alignment.resolution, keyword, "resolution")) return recall_failed(fp);
+        } else if (strcmp(keyword, "registration-origin") == 0) {
+            if (read_and_compare(value, Alignment.origin, keyword, "origin")) return recall_failed(fp);
+        } else if (strcmp(keyword, "registration-direction") == 0) {
+            if (read_and_compare(value, Alignment.direction, keyword, "direction")) return recall_failed(fp);
+        } else if (strcmp(keyword, "registration-orientation") == 0) {
+            if (sscanf(value, "%d %d %d %d", &Alignment.OrientRotation.x, &Alignment.OrientRotation.y,
+                       &Alignment.OrientRotation.z, &Alignment.OrientSwapZ) != 4) {
+                printf("Error reading the value of `set registration-orientation'\n");
+                return recall_failed(fp);
+            }
+        } else if (strcmp(keyword, "registration-wrapping") == 0) {
+            if (sscanf(value, "%d %d %d", &Alignment.WrapAround.x, &Alignment.WrapAround.y,
+                       &Alignment.WrapAround.z) != 3) {
+                printf("Error reading the value of `set registration-wrapping'\n");
+                return recall_failed(fp);
+            }
+        } else if (strcmp(keyword, "registration-translations") == 0) {
+            if (sscanf(value, "%f %f %f", &Alignment.value[0], &Alignment.value[1], &Alignment.value[2]) != 3) {
+                printf("Error reading the value of `set registration-translations'\n");
+                return recall_failed(fp);
+            }
+        } else if (strcmp(keyword, "registration-rotations") == 0) {
+            if (sscanf(value, "%f %f %f", &Alignment.value[3], &Alignment.value[4], &Alignment.value[5]) != 3) {
+                printf("Error reading the value of `set registration-rotations'\n");
+                return recall_failed(fp);
+            }
+        } else if (strcmp(keyword, "registration-inflations") == 0) {
+            if (sscanf(value, "%f %f %f", &Alignment.value[6], &Alignment.value[7], &Alignment.value[8]) != 3) {
+                printf("Error reading the value of `set registration-inflations'\n");
+                return recall_failed(fp);
+            }
+        } else if (strcmp(keyword, "registration-skews") == 0) {
+            if (sscanf(value, "%f %f %f", &Alignment.value[9], &Alignment.value[10], &Alignment.value[11]) != 3) {
+                /* Deliberate: the inflations text; there is no skews message.
+                   Pinned by Recall.MalformedSkewsNamesInflations. */
+                printf("Error reading the value of `set registration-inflations'\n");
+                return recall_failed(fp);
+            }
+        } else if (strcmp(keyword, "registration-distortions") == 0) {
+            /* The header reader strips the line feed from the name in place; the cleaned
+               name is used from here on. */
+            QL_HEADER header;
+            memset(&header, 0, sizeof header);
+            if (read_volume_header(value, &header) != 0) return recall_failed(fp);
+            if (header.dim.x != template_.dim.x || header.dim.y != template_.dim.y ||
+                header.dim.z != template_.dim.z) {
+                printf("Error: the distortion map dimensions (%d,%d,%d) don't match the template (%d,%d,%d)\n",
+                       header.dim.x, header.dim.y, header.dim.z, template_.dim.x, template_.dim.y,
+                       template_.dim.z);
+                return recall_failed(fp);
+            }
+            if (read_distortion_file(value, header) != 0) return recall_failed(fp);
+            update_nonlinear_alignment_parameters(0);
+        }
+    }
+    fclose(fp);
+    printf("Alignment parameters were recalled from file align.com\n");
+    for (int j = 0; j < 12; j++)
+        if (Alignment.value[j] != 0.0f) AlignAid.Adjust[j] = 1; /* NaN is != 0 too */
+    print_parameter_set(1, 0);
+    return 0;
+}
