@@ -224,6 +224,25 @@ TEST(CreateNeighborhood, InterpolationWrapsTheFirstPixelToTheLastVoxel)
     free_stack(&image_stack);
 }
 
+TEST(CreateNeighborhood, DistancesBeyondHalfTheAxisAreMeasuredAroundTheWrap)
+{
+    /* one voxel along y: n/2 is 0, so every distance d becomes |1 - d| */
+    plane_layout(4, 1, 1, 1, 1, 1, 2);
+    mosaic.interpolate = 1;
+    create_neighborhood(0);
+    /* pixel (1, 0): x = 0.25 (voxels 0, 1), y = -0.25 (voxel -1 wrapped to 0, and voxel 0) */
+    const Neighborhood &e = mosaic.NeighborsXY[1];
+    ASSERT_EQ(e.number, 4);
+    for (int i = 0; i < 4; i++) EXPECT_EQ(e.address[i].y, 0);
+    double lx0 = lanczos2(0.25), lx1 = lanczos2(0.75);
+    double ly_lo = lanczos2(1.0 - 0.75), ly_hi = lanczos2(1.0 - 0.25);
+    double sum = (lx0 + lx1) * (ly_lo + ly_hi);
+    EXPECT_NEAR(e.weight[0], lx0 * ly_lo / sum, 1e-6);
+    EXPECT_NEAR(e.weight[2], lx0 * ly_hi / sum, 1e-6);
+    invert_neighborhood(0);
+    free_stack(&image_stack);
+}
+
 TEST(CreateNeighborhood, StretchedAxisBlendsTwoVoxelsWithoutInterpolation)
 {
     /* voxels 1 x 3 mm in y: each y voxel spans three screen rows */
