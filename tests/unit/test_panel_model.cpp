@@ -1,1 +1,427 @@
-// tests for panel_model
+// Panel rules: labels and rows, selection with skipped items, value changes of the three sets,
+// adjust toggles, reset/recall and the full alignment's printed order.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <string>
+
+#include "align_model.h"
+#include "display_hooks.h"
+#include "filters.h"
+#include "globals.h"
+#include "panel_model.h"
+#include "prepare.h"
+#include "resample.h"
+#include "test_support.h"
+
+namespace {
+
+// A small pair of volumes through the start-up sequence, so that rules which resample run.
+// Voxels of 2 x 1 x 4 mm make the down-sampling coupling visible.
+class Panel : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        DisplayHooks = {};
+        make_stack(&original_unfiltered, 16, 16, 16, 1, 2.0f, 1.0f, 4.0f);
+        make_stack(&template_unfiltered, 16, 16, 16, 1, 2.0f, 1.0f, 4.0f);
+        for (int i = 0; i < 16 * 16 * 16; i++) {
+            original_unfiltered.SpaceTime.fData[i] = (float)(i % 7);
+            template_unfiltered.SpaceTime.fData[i] = (float)(i % 5);
+        }
+        snprintf(original_unfiltered.name, sizeof original_unfiltered.name, "individual");
+        snprintf(template_unfiltered.name, sizeof template_unfiltered.name, "template");
+        initialize_mosaic_ovl(0);
+        initialize_alignment();
+        filter_image_data();
+        transform_coordinates(1, 0);
+        mosaic.ImageRegionPixels.y = 300;
+        panel_rolloff_prompt = NULL;
+    }
+    std::string row(int r)
+    {
+        char buf[1024];
+        if (!panel_item_text(r, buf)) return "<empty>";
+        return buf;
+    }
+};
+
+TEST_F(Panel, QuarterTurnsWrapWithinMinusOneToTwo)
+{
+    AlignAid.DisplaySet = 0;
+    update_display_set();
+    AlignAid.iParameter = 0;
+    Alignment.OrientRotation.x = -1;
+    panel_change_value(1);
+    EXPECT_EQ(Alignment.OrientRotation.x, 2);
+    EXPECT_EQ(row(0), "Rot. x  180");
+    // A half turn about x reverses y: the orientation matrix must have been recomputed.
+    EXPECT_NEAR(Alignment.Orient[1][1], -1.0f, 1e-6);
+    panel_change_value(0);
+    EXPECT_EQ(Alignment.OrientRotation.x, -1);
+    EXPECT_EQ(row(0), "Rot. x  -90");
+    AlignAid.iParameter = 2;
+    panel_change_value(0);
+    EXPECT_EQ(Alignment.OrientRotation.z, 1);
+    EXPECT_EQ(row(2), "Rot. z  90");
+}
+
+TEST_F(Panel, OrientationChangeFirstReturnsToDisplayTypeZero)
+{
+    AlignAid.DisplaySet = 0;
+    AlignAid.iParameter = 1;
+    AlignAid.DisplayType = 3;
+    panel_change_value(0);
+    EXPECT_EQ(AlignAid.DisplayType, 0);
+    EXPECT_EQ(Alignment.OrientRotation.y, 1);
+}
+
+TEST_F(Panel, SwapZAndParityRows)
+{
+    AlignAid.DisplaySet = 0;
+    AlignAid.iParameter = 3;
+    EXPECT_EQ(row(3), "Swap z: No");
+    EXPECT_EQ(row(4), "conserves parity");
+    EXPECT_EQ(row(5), "RHC <--> RHC");
+    panel_change_value(1);
+    EXPECT_EQ(Alignment.OrientSwapZ, 1);
+    EXPECT_EQ(row(3), "Swap z: Yes");
+    EXPECT_EQ(row(4), "swaps parity");
+    EXPECT_EQ(row(5), "RHC <--> LHC");
+    // Exactly 200 pixels: the tall layout, but the parity lines are not shown.
+    mosaic.ImageRegionPixels.y = 200;
+    EXPECT_EQ(row(4), "<empty>");
+    EXPECT_EQ(row(7), "Filters:");
+    EXPECT_EQ(panel_row_item(8), 4);
+    // Under 200 pixels: 15 rows, headings moved up.
+    mosaic.ImageRegionPixels.y = 150;
+    EXPECT_EQ(row(5), "Filters:");
+    EXPECT_EQ(panel_row_item(6), 4);
+    EXPECT_EQ(row(9), "Down-sampling");
+    EXPECT_EQ(panel_row_item(14), 9);
+    EXPECT_EQ(panel_row_item(15), -1);
+}
+
+TEST_F(Panel, SetupLabelsByteExact)
+{
+    AlignAid.DisplaySet = 0;
+    AlignAid.smooth_fov_fraction = 4;
+    AlignAid.SubSampleSetting = {3, 6, 2};
+    AlignAid.SubSample = AlignAid.SubSampleSetting;
+    EXPECT_STREQ(panel_heading(), "  Setup  ");
+    EXPECT_EQ(row(8), "rolloff 4");
+    EXPECT_EQ(row(9), "overlay");
+    EXPECT_EQ(row(11), "Down-sampling");
+    EXPECT_EQ(row(12), " x    3");
+    EXPECT_EQ(row(13), " y    6");
+    EXPECT_EQ(row(14), " z    2");
+    EXPECT_EQ(row(16), "<empty>");
+    AlignAid.SubSampleSetting.z = 1;
+    EXPECT_EQ(row(16), "change res.");
+}
+
+TEST_F(Panel, DownSamplingStaysWithinOneToEightAndCouplesYZ)
+{
+    AlignAid.DisplaySet = 0;
+    AlignAid.iParameter = 6;
+    AlignAid.SubSampleSetting = {2, 1, 1};
+    panel_change_value(1);
+    // x = 1: y = rint(1*2/1) = 2, z = max(1, rint(2/4 = 0.5)) = 1.
+    EXPECT_EQ(AlignAid.SubSampleSetting.x, 1);
+    EXPECT_EQ(AlignAid.SubSampleSetting.y, 2);
+    EXPECT_EQ(AlignAid.SubSampleSetting.z, 1);
+    panel_change_value(1);
+    EXPECT_EQ(AlignAid.SubSampleSetting.x, 1);
+    for (int k = 0; k < 10; k++) panel_change_value(0);
+    EXPECT_EQ(AlignAid.SubSampleSetting.x, 8);
+    EXPECT_EQ(AlignAid.SubSampleSetting.y, 16);
+    EXPECT_EQ(AlignAid.SubSampleSetting.z, 4);
+    AlignAid.SubSampleSetting.x = 3;
+    panel_change_value(1);
+    // 3 Left gives 2: y = rint(2*2/1) = 4, z = rint(2*2/4) = 1.
+    EXPECT_EQ(AlignAid.SubSampleSetting.x, 2);
+    EXPECT_EQ(AlignAid.SubSampleSetting.y, 4);
+    EXPECT_EQ(AlignAid.SubSampleSetting.z, 1);
+    // y alone does not move x or z.
+    AlignAid.iParameter = 7;
+    panel_change_value(0);
+    EXPECT_EQ(AlignAid.SubSampleSetting.x, 2);
+    EXPECT_EQ(AlignAid.SubSampleSetting.y, 5);
+    EXPECT_EQ(AlignAid.SubSampleSetting.z, 1);
+}
+
+TEST_F(Panel, SetupSelectionStepsOverUnavailableItems)
+{
+    AlignAid.DisplaySet = 0;
+    update_display_set();
+    AlignAid.LowResolution = 0;
+    AlignAid.SubSampleSetting = AlignAid.SubSample;
+    ovl_root.npts = 3;
+    AlignAid.nmask = 0;
+    AlignAid.iParameter = 3;
+    panel_select_item(0);
+    EXPECT_EQ(AlignAid.iParameter, 4);
+    // Change res. is skipped while the down-sampling is unchanged: wrap from 8 to 0 and back.
+    AlignAid.iParameter = 8;
+    panel_select_item(0);
+    EXPECT_EQ(AlignAid.iParameter, 0);
+    panel_select_item(1);
+    EXPECT_EQ(AlignAid.iParameter, 8);
+    AlignAid.SubSampleSetting.x = AlignAid.SubSample.x + 1;
+    panel_select_item(0);
+    EXPECT_EQ(AlignAid.iParameter, 9);
+    panel_select_item(0);
+    EXPECT_EQ(AlignAid.iParameter, 0);
+    // Overlay filter skipped when the root overlay has exactly nmask points.
+    AlignAid.nmask = 3;
+    AlignAid.iParameter = 4;
+    panel_select_item(0);
+    EXPECT_EQ(AlignAid.iParameter, 6);
+    panel_select_item(1);
+    EXPECT_EQ(AlignAid.iParameter, 4);
+    // At low resolution both the rolloff and the overlay filter are stepped over.
+    AlignAid.nmask = 0;
+    AlignAid.LowResolution = 1;
+    AlignAid.iParameter = 3;
+    panel_select_item(0);
+    EXPECT_EQ(AlignAid.iParameter, 6);
+    panel_select_item(1);
+    EXPECT_EQ(AlignAid.iParameter, 3);
+}
+
+TEST_F(Panel, AffineIncrementsStepAndNeverReachZero)
+{
+    AlignAid.DisplaySet = 1;
+    update_display_set();
+    AlignAid.ChangeValue = 0;
+    AlignAid.iParameter = 0;
+    AlignAid.increment[0] = 0.025f;
+    panel_change_value(1);
+    EXPECT_FLOAT_EQ(AlignAid.increment[0], 0.025f);
+    panel_change_value(0);
+    EXPECT_FLOAT_EQ(AlignAid.increment[0], 0.05f);
+    AlignAid.iParameter = 4;
+    AlignAid.increment[4] = 0.1f;
+    panel_change_value(1);
+    EXPECT_FLOAT_EQ(AlignAid.increment[4], 0.25f);
+    panel_change_value(0);
+    EXPECT_FLOAT_EQ(AlignAid.increment[4], 0.5f);
+    AlignAid.iParameter = 11;
+    AlignAid.increment[11] = 0.02f;
+    panel_change_value(1);
+    EXPECT_FLOAT_EQ(AlignAid.increment[11], 0.015f);
+    EXPECT_FLOAT_EQ(Alignment.value[11], 0.0f);
+}
+
+TEST_F(Panel, AffineValueChangeMovesByIncrementAndMarksAdjust)
+{
+    AlignAid.DisplaySet = 1;
+    update_display_set();
+    AlignAid.ChangeValue = 1;
+    AlignAid.DisplayType = 1;
+    AlignAid.iParameter = 1;
+    AlignAid.Adjust[1] = 0;
+    AlignAid.increment[1] = 0.5f;
+    panel_change_value(0);
+    panel_change_value(0);
+    panel_change_value(1);
+    EXPECT_FLOAT_EQ(Alignment.value[1], 0.5f);
+    EXPECT_EQ(AlignAid.Adjust[1], 1);
+    EXPECT_EQ(AlignAid.DisplayType, 0);
+    EXPECT_EQ(row(1), "x   y   0.50");
+    AlignAid.ChangeValue = 0;
+    EXPECT_EQ(row(1), "x increment 0.5");
+    AlignAid.Adjust[6] = 0;
+    EXPECT_EQ(row(6), "  size-x   1.00");
+}
+
+TEST_F(Panel, HeadingsAndSetChangeWrap)
+{
+    AlignAid.DisplaySet = 2;
+    AlignAid.iParameter = 5;
+    panel_change_set(1);
+    EXPECT_EQ(AlignAid.DisplaySet, 0);
+    EXPECT_EQ(AlignAid.iLastParShown, 9);
+    EXPECT_EQ(AlignAid.iParameter, 0);
+    panel_change_set(0);
+    EXPECT_EQ(AlignAid.DisplaySet, 2);
+    EXPECT_STREQ(panel_heading(), "Non-linear");
+    panel_change_set(0);
+    EXPECT_EQ(AlignAid.DisplaySet, 1);
+    Alignment.RigidBody = 0;
+    EXPECT_STREQ(panel_heading(), "deck-of-cards");
+    Alignment.RigidBody = 1;
+    EXPECT_STREQ(panel_heading(), " Affine ");
+}
+
+TEST_F(Panel, NonLinearRowsByteExact)
+{
+    AlignAid.DisplaySet = 2;
+    AlignNL.Adjust = {1, 0, 1};
+    AlignNL.BasisGrid = {8, 12, 4};
+    AlignNL.ViewBasis = 1;
+    AlignNL.iBasis = 3;
+    AlignNL.NBasis = 20;
+    AlignNL.Lambda_reg = 5;
+    AlignNL.stiffness = 0.5f;
+    EXPECT_EQ(row(0), "Nonlinear fields");
+    EXPECT_EQ(row(1), "x X Field");
+    EXPECT_EQ(row(2), "  Y Field");
+    EXPECT_EQ(row(3), "x Z Field");
+    EXPECT_EQ(row(4), "Basis Grid");
+    EXPECT_EQ(row(5), "  X  8");
+    EXPECT_EQ(row(6), "  Y  12");
+    EXPECT_EQ(row(7), "  Z  4");
+    EXPECT_EQ(row(8), "FWHM (mm)");
+    EXPECT_EQ(row(11), "x  3 / 20 ");
+    EXPECT_EQ(row(12), "Regularization");
+    EXPECT_EQ(row(13), " Rigidity  5 ");
+    EXPECT_EQ(row(14), "smooth<->stiff");
+    EXPECT_EQ(row(15), "-  -  X  -  -");
+    EXPECT_EQ(panel_row_item(9), -1);
+    EXPECT_EQ(panel_row_item(15), 8);
+}
+
+TEST_F(Panel, RigidityRunsOneFiveTenAndStiffnessClamps)
+{
+    AlignAid.DisplaySet = 2;
+    AlignAid.iParameter = 7;
+    AlignNL.Lambda_reg = 1;
+    panel_change_value(0);
+    EXPECT_EQ(AlignNL.Lambda_reg, 5);
+    panel_change_value(0);
+    EXPECT_EQ(AlignNL.Lambda_reg, 10);
+    AlignNL.Lambda_reg = 5;
+    panel_change_value(1);
+    EXPECT_EQ(AlignNL.Lambda_reg, 1);
+    panel_change_value(1);
+    EXPECT_EQ(AlignNL.Lambda_reg, 1);
+
+    AlignAid.iParameter = 8;
+    AlignNL.stiffness = 0.75f;
+    panel_change_value(0);
+    EXPECT_FLOAT_EQ(AlignNL.stiffness, 1.0f);
+    panel_change_value(0);
+    EXPECT_FLOAT_EQ(AlignNL.stiffness, 1.0f);
+    EXPECT_EQ(row(15), "-  -  -  -  X");
+    for (int k = 0; k < 5; k++) panel_change_value(1);
+    EXPECT_FLOAT_EQ(AlignNL.stiffness, 0.0f);
+    EXPECT_EQ(row(15), "X  -  -  -  -");
+}
+
+TEST_F(Panel, BasisNumberWrapsAndFieldsToggle)
+{
+    AlignAid.DisplaySet = 2;
+    AlignAid.iParameter = 6;
+    AlignNL.NBasis = 4;
+    AlignNL.iBasis = 0;
+    panel_change_value(1);
+    EXPECT_EQ(AlignNL.iBasis, 3);
+    panel_change_value(0);
+    EXPECT_EQ(AlignNL.iBasis, 0);
+    AlignNL.ViewBasis = 0;
+    panel_toggle_adjust();
+    EXPECT_EQ(AlignNL.ViewBasis, 1);
+    AlignAid.iParameter = 1;
+    AlignNL.Adjust = {0, 0, 0};
+    panel_change_value(0);
+    EXPECT_EQ(AlignNL.Adjust.y, 1);
+    panel_toggle_adjust();
+    EXPECT_EQ(AlignNL.Adjust.y, 0);
+    EXPECT_EQ(AlignNL.Adjust.x, 0);
+    AlignAid.DisplaySet = 1;
+    AlignAid.iParameter = 9;
+    AlignAid.Adjust[9] = 1;
+    panel_toggle_adjust();
+    EXPECT_EQ(AlignAid.Adjust[9], 0);
+}
+
+TEST_F(Panel, DisplayTypeStepsAndSpaceSwap)
+{
+    AlignAid.DisplayType = 5;
+    action_change_display_type(1);
+    EXPECT_EQ(AlignAid.DisplayType, 0);
+    action_change_display_type(-1);
+    EXPECT_EQ(AlignAid.DisplayType, 5);
+    action_change_display_type(0);
+    EXPECT_EQ(AlignAid.DisplayType, 0);
+    action_change_display_type(0);
+    EXPECT_EQ(AlignAid.DisplayType, 1);
+    action_change_display_type(0);
+    EXPECT_EQ(AlignAid.DisplayType, 0);
+}
+
+TEST_F(Panel, AffineResetAndRecallToggle)
+{
+    AlignAid.DisplaySet = 1;
+    Alignment.value[0] = 3.0f;
+    Alignment.value[7] = 1.1f;
+    reset_or_recall_parameters();
+    EXPECT_FLOAT_EQ(Alignment.value[0], 0.0f);
+    EXPECT_FLOAT_EQ(Alignment.value[7], 1.0f);
+    EXPECT_FLOAT_EQ(AlignAid.saved_value[0], 3.0f);
+    reset_or_recall_parameters();
+    EXPECT_FLOAT_EQ(Alignment.value[0], 3.0f);
+    EXPECT_FLOAT_EQ(Alignment.value[7], 1.1f);
+    // A NaN is not the identity: it is saved and reset like any other value.
+    for (int j = 0; j < 12; j++) Alignment.value[j] = (j >= 6 && j <= 8) ? 1.0f : 0.0f;
+    Alignment.value[10] = NAN;
+    reset_or_recall_parameters();
+    EXPECT_FLOAT_EQ(Alignment.value[10], 0.0f);
+    EXPECT_TRUE(std::isnan(AlignAid.saved_value[10]));
+}
+
+TEST_F(Panel, DisplacementResetAndRecallToggle)
+{
+    AlignAid.DisplaySet = 2;
+    ASSERT_GE(distort_y.nt, 2);
+    int n = distort_y.n3d;
+    distort_y.SpaceTime.fData[5] = 0.7f;
+    AlignNL.Adjusted = {1, 1, 1};
+    reset_or_recall_parameters();
+    EXPECT_FLOAT_EQ(distort_y.SpaceTime.fData[5], 0.0f);
+    EXPECT_FLOAT_EQ(distort_y.SpaceTime.fData[n + 5], 0.7f);
+    EXPECT_EQ(AlignNL.Adjusted.x + AlignNL.Adjusted.y + AlignNL.Adjusted.z, 0);
+    reset_or_recall_parameters();
+    EXPECT_FLOAT_EQ(distort_y.SpaceTime.fData[5], 0.7f);
+    EXPECT_EQ(AlignNL.Adjusted.x, 0);
+    EXPECT_EQ(AlignNL.Adjusted.y, 1);
+    EXPECT_EQ(AlignNL.Adjusted.z, 0);
+}
+
+TEST_F(Panel, FullAlignmentWithNothingSelectedPrintsInOrder)
+{
+    AlignAid.smooth_fov_fraction = 4;
+    mosaic.toggle_overlays = 0;
+    for (int j = 0; j < 12; j++) AlignAid.Adjust[j] = 0;
+    AlignNL.Adjust = {0, 0, 0};
+    testing::internal::CaptureStdout();
+    action_do_full_alignment();
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out,
+              "An overlay is not active.\n"
+              "This is OK if the template has already been skull-stripped.\n"
+              "Otherwise, use a brain overlay before this step.\n"
+              "No affine parameters are selected; skip affine alignment.\n");
+    for (int j = 0; j < 12; j++) EXPECT_EQ(AlignAid.Adjust[j], 1) << j;
+}
+
+TEST_F(Panel, RolloffWithoutPromptToggles)
+{
+    AlignAid.DisplaySet = 0;
+    AlignAid.iParameter = 4;
+    AlignAid.smooth_fov_fraction = 0;
+    panel_change_value(0);
+    EXPECT_EQ(AlignAid.smooth_fov_fraction, 4);
+    panel_rolloff_prompt = [](const char *deflt, char *answer) {
+        EXPECT_STREQ(deflt, "0");
+        snprintf(answer, 1024, "6");
+        return 1;
+    };
+    panel_change_value(0);
+    EXPECT_EQ(AlignAid.smooth_fov_fraction, 6);
+    panel_rolloff_prompt = NULL;
+}
+
+}  // namespace
