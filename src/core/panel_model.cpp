@@ -411,7 +411,7 @@ static void change_set2(int item, int left)
         break;
     case 7:
         /* Deliberate: 1 rises straight to 5 so that the rigidity runs 1, 5, 10, 15 ...
-           Pinned by PanelSet2.RigidityRunsOneFiveTen. */
+           Pinned by Panel.RigidityRunsOneFiveTenAndStiffnessClamps. */
         if (left) AlignNL.Lambda_reg = AlignNL.Lambda_reg - 5 < 1 ? 1 : AlignNL.Lambda_reg - 5;
         else AlignNL.Lambda_reg = AlignNL.Lambda_reg == 1 ? 5 : AlignNL.Lambda_reg + 5;
         break;
@@ -555,7 +555,7 @@ void action_do_full_alignment(void)
         action_filter_overlay();
     }
     /* Deliberate: every affine parameter is marked for adjustment afterwards, whatever the
-       user had chosen. Pinned by FullAlignment.AllAffineFlagsSetAfterwards. */
+       user had chosen. Pinned by Panel.FullAlignmentWithNothingSelectedPrintsInOrder. */
     for (int i = 0; i < 12; i++) AlignAid.Adjust[i] = 1;
     if (!AlignNL.Adjust.x && !AlignNL.Adjust.y && !AlignNL.Adjust.z) return;
     printf("Perform non-linear alignment by adjusting: ");
