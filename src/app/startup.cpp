@@ -59,12 +59,15 @@ int run_startup_steps(int number_panels, int batch_mode, char *ovl_name, char *w
     transform_coordinates(1, 0);
 
     initialize_selectable_text();
+    /* the grey window of both display types, the individual's (type 0) shown at the end */
     AlignAid.DisplayType = 1;
     point_mosaic_to_stack_data();
     rescale_image(1);
+    rescale_image_settings();
     AlignAid.DisplayType = 0;
     point_mosaic_to_stack_data();
     rescale_image(1);
+    rescale_image_settings();
 
     initialize_graph();
     initialize_XWindows();
