@@ -198,6 +198,9 @@ void update_nonlinear_alignment_parameters(int recalculate_distortions)
                     AlignNL.Index3DStart[n] = {start[0][i], start[1][j], start[2][k]};
                     AlignNL.Index3DEnd[n] = {end[0][i], end[1][j], end[2][k]};
                 }
+                /* A last odd basis can peak one past the grid (12 voxels, half-width 4:
+                   peak 12); its element is then the next row's first, or at the very end one
+                   of the maps' second time point, which they always have. */
                 IPOINT3D p = AlignNL.Index3DPeak[n];
                 size_t e = grid_index(p.x, p.y, p.z);
                 AlignNL.value[n] = distort_x.SpaceTime.fData[e];

@@ -42,6 +42,22 @@ struct resample_setup {
     float ijk_to_xyz[4][4], affine[4][4], xyz_to_ijk[4][4];
 };
 
+/* The kernels of numerics.cpp, Gauss(d, 0, sigma) and Lanczos_filter(n, d), with the same
+   arithmetic, here so that the compiler can inline them into the per-voxel weight loops. */
+static inline float gauss_weight(float d, float sigma)
+{
+    double arg = (double)(d * d + 0.0f * 0.0f) * (-0.5) / sigma / sigma;
+    return (float)exp(arg);
+}
+
+static inline float lanczos_weight(int n, float d)
+{
+    if (fabs((double)d) < 0.00001) return 1.0f;
+    if (fabs((double)d / n) > 1.0) return 0.0f;
+    double px = 3.141592654 * d;
+    return (float)(n * sin(px) * sin(px / n) / (px * px));
+}
+
 /* Valid samples of one axis for one voxel: wrapped grid index and weight, in sample order. */
 struct axis_samples {
     int count;
@@ -70,7 +86,7 @@ static inline void axis_weights(axis_samples *a, float v, int n, int wraps, int 
         if (jj < 0 || jj >= n) continue;
         float d = v - (float)j;
         a->index[a->count] = jj;
-        a->weight[a->count] = accurate ? Lanczos_filter(w, d) : Gauss(d, 0.0f, sigma);
+        a->weight[a->count] = accurate ? lanczos_weight(w, d) : gauss_weight(d, sigma);
         a->count++;
     }
 }
@@ -78,22 +94,88 @@ static inline void axis_weights(axis_samples *a, float v, int n, int wraps, int 
 /* Positions beyond this many voxels are treated as off the grid (also catches NaN). */
 static const float far_off_grid = 1.0e8f;
 
+/* One voxel waiting for its weighted sum: its element and its samples along x, y, z. */
+struct voxel_job {
+    size_t vox;
+    axis_samples a[3];
+};
+
+/* The weighted average of one voxel: z outer, then y, then x; weight (wz*wx)*wy in float,
+   value*weight and the weights summed in double in that order. wzx: scratch of the x count. */
+static inline void accumulate_one(const resample_setup *s, const voxel_job *j, float *wzx)
+{
+    const axis_samples &ax = j->a[0], &ay = j->a[1], &az = j->a[2];
+    const size_t onx = (size_t)s->odim.x, on2d = onx * (size_t)s->odim.y;
+    double sum = 0.0, wsum = 0.0;
+    for (int kz = 0; kz < az.count; kz++) {
+        const float wz = az.weight[kz];
+        for (int kx = 0; kx < ax.count; kx++) wzx[kx] = wz * ax.weight[kx];
+        const float *plane = s->src + on2d * (size_t)az.index[kz];
+        for (int ky = 0; ky < ay.count; ky++) {
+            const float wy = ay.weight[ky];
+            const float *row = plane + onx * (size_t)ay.index[ky];
+            for (int kx = 0; kx < ax.count; kx++) {
+                float w = wzx[kx] * wy;
+                sum += (double)(row[ax.index[kx]] * w);
+                wsum += (double)w;
+            }
+        }
+    }
+    s->dst[j->vox] = wsum != 0.0 ? (float)(sum / wsum) : 0.0f;
+}
+
+/* Two voxels with the same sample counts on every axis, summed side by side: each keeps its
+   own sums in its own order (so the results equal accumulate_one's), but the two chains of
+   dependent double additions overlap. */
+static inline void accumulate_pair(const resample_setup *s, const voxel_job *j0, const voxel_job *j1,
+                                   float *wzx0, float *wzx1)
+{
+    const axis_samples &ax0 = j0->a[0], &ay0 = j0->a[1], &az0 = j0->a[2];
+    const axis_samples &ax1 = j1->a[0], &ay1 = j1->a[1], &az1 = j1->a[2];
+    const size_t onx = (size_t)s->odim.x, on2d = onx * (size_t)s->odim.y;
+    const int nkx = ax0.count, nky = ay0.count, nkz = az0.count;
+    double sum0 = 0.0, wsum0 = 0.0, sum1 = 0.0, wsum1 = 0.0;
+    for (int kz = 0; kz < nkz; kz++) {
+        const float wz0 = az0.weight[kz], wz1 = az1.weight[kz];
+        for (int kx = 0; kx < nkx; kx++) {
+            wzx0[kx] = wz0 * ax0.weight[kx];
+            wzx1[kx] = wz1 * ax1.weight[kx];
+        }
+        const float *plane0 = s->src + on2d * (size_t)az0.index[kz];
+        const float *plane1 = s->src + on2d * (size_t)az1.index[kz];
+        for (int ky = 0; ky < nky; ky++) {
+            const float wy0 = ay0.weight[ky], wy1 = ay1.weight[ky];
+            const float *row0 = plane0 + onx * (size_t)ay0.index[ky];
+            const float *row1 = plane1 + onx * (size_t)ay1.index[ky];
+            for (int kx = 0; kx < nkx; kx++) {
+                float w0 = wzx0[kx] * wy0, w1 = wzx1[kx] * wy1;
+                sum0 += (double)(row0[ax0.index[kx]] * w0);
+                wsum0 += (double)w0;
+                sum1 += (double)(row1[ax1.index[kx]] * w1);
+                wsum1 += (double)w1;
+            }
+        }
+    }
+    s->dst[j0->vox] = wsum0 != 0.0 ? (float)(sum0 / wsum0) : 0.0f;
+    s->dst[j1->vox] = wsum1 != 0.0 ? (float)(sum1 / wsum1) : 0.0f;
+}
+
 static void resample_slices(const resample_setup *s, int zfirst, int zlast)
 {
     int maxw = s->half.x;
     if (s->half.y > maxw) maxw = s->half.y;
     if (s->half.z > maxw) maxw = s->half.z;
     int nsamples = 2 * maxw + 2;
-    axis_samples ax, ay, az;
-    int *index = int_vector(3 * nsamples);
-    float *weight = float_vector(4 * nsamples);
-    ax.index = index;
-    ay.index = index + nsamples;
-    az.index = index + 2 * nsamples;
-    ax.weight = weight;
-    ay.weight = weight + nsamples;
-    az.weight = weight + 2 * nsamples;
-    float *wzx = weight + 3 * nsamples;
+    int *index = int_vector(6 * nsamples);
+    float *weight = float_vector(8 * nsamples);
+    voxel_job job[2];
+    for (int j = 0; j < 2; j++)
+        for (int a = 0; a < 3; a++) {
+            job[j].a[a].index = index + (3 * j + a) * nsamples;
+            job[j].a[a].weight = weight + (3 * j + a) * nsamples;
+        }
+    float *wzx0 = weight + 6 * nsamples, *wzx1 = weight + 7 * nsamples;
+    int pending = 0;
 
     const int nx = s->dim.x, ny = s->dim.y;
     const int onx = s->odim.x, ony = s->odim.y, onz = s->odim.z;
@@ -124,27 +206,22 @@ static void resample_slices(const resample_setup *s, int zfirst, int zlast)
                 if (ix < 0 || ix >= onx || iy < 0 || iy >= ony || iz < 0 || iz >= onz) continue;
                 if (s->src[(size_t)ix + (size_t)onx * (size_t)iy + on2d * (size_t)iz] == 0.0f) continue;
 
-                axis_weights(&ax, v.x, onx, s->wrap.x, s->half.x, s->accurate, s->sigma.x);
-                axis_weights(&ay, v.y, ony, s->wrap.y, s->half.y, s->accurate, s->sigma.y);
-                axis_weights(&az, v.z, onz, s->wrap.z, s->half.z, s->accurate, s->sigma.z);
-
-                double sum = 0.0, wsum = 0.0;
-                for (int kz = 0; kz < az.count; kz++) {
-                    const float wz = az.weight[kz];
-                    for (int kx = 0; kx < ax.count; kx++) wzx[kx] = wz * ax.weight[kx];
-                    const float *plane = s->src + on2d * (size_t)az.index[kz];
-                    for (int ky = 0; ky < ay.count; ky++) {
-                        const float wy = ay.weight[ky];
-                        const float *row = plane + (size_t)onx * (size_t)ay.index[ky];
-                        for (int kx = 0; kx < ax.count; kx++) {
-                            float w = wzx[kx] * wy;
-                            sum += (double)(row[ax.index[kx]] * w);
-                            wsum += (double)w;
-                        }
-                    }
+                voxel_job *j = &job[pending];
+                j->vox = vox;
+                axis_weights(&j->a[0], v.x, onx, s->wrap.x, s->half.x, s->accurate, s->sigma.x);
+                axis_weights(&j->a[1], v.y, ony, s->wrap.y, s->half.y, s->accurate, s->sigma.y);
+                axis_weights(&j->a[2], v.z, onz, s->wrap.z, s->half.z, s->accurate, s->sigma.z);
+                if (++pending < 2) continue;
+                pending = 0;
+                if (job[0].a[0].count == job[1].a[0].count && job[0].a[1].count == job[1].a[1].count &&
+                    job[0].a[2].count == job[1].a[2].count) {
+                    accumulate_pair(s, &job[0], &job[1], wzx0, wzx1);
+                } else {
+                    accumulate_one(s, &job[0], wzx0);
+                    accumulate_one(s, &job[1], wzx0);
                 }
-                s->dst[vox] = wsum != 0.0 ? (float)(sum / wsum) : 0.0f;
             }
+    if (pending == 1) accumulate_one(s, &job[0], wzx0);
 
     free_int_vector(index);
     free_float_vector(weight);

@@ -2,6 +2,7 @@
 // partial (basis-box) resampling, displacement maps and thread independence.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include "globals.h"
 #include "numerics.h"
 #include "resample.h"
+#include "similarity.h"
 #include "test_support.h"
 #include "volume.h"
 
@@ -222,4 +224,131 @@ TEST(TransformCoordinates, OneThreadAndSeveralGiveBitIdenticalResults)
         EXPECT_GT(nonzero, one.size() / 2);
     }
     unsetenv("ALIGN_THREADS");
+}
+
+namespace {
+
+// A smooth, asymmetric phantom in centred millimetres, positive everywhere.
+double phantom(double x, double y, double z)
+{
+    double a = (x - 3) * (x - 3) + (y + 2) * (y + 2) + z * z;
+    double b = (x + 4) * (x + 4) + (y - 5) * (y - 5) + (z - 3) * (z - 3);
+    return 5.0 + 100.0 * exp(-a / 72.0) + 60.0 * exp(-b / 18.0);
+}
+
+// Individual = phantom on its grid. Template = the phantom seen through the parameters
+// (translation t, angle phi_xy in degrees): T(p) = f(R p - t), zero outside a sphere so
+// that only voxels mapping inside the individual are compared.
+void make_moved_phantom(float tx, float ty, float degrees)
+{
+    make_scene(32, 1.0f, 32, 1.0f);
+    double c = cos(degrees * M_PI / 180), s = sin(degrees * M_PI / 180);
+    for (int z = 0; z < 32; z++)
+        for (int y = 0; y < 32; y++)
+            for (int x = 0; x < 32; x++) {
+                double px = x - 15.5, py = y - 15.5, pz = z - 15.5;
+                ref(&original, x, y, z) = (float)phantom(px, py, pz);
+                double r2 = px * px + py * py + pz * pz;
+                ref(&template_, x, y, z) =
+                    r2 > 144.0 ? 0.0f : (float)phantom(c * px - s * py - tx, s * px + c * py - ty, pz);
+            }
+}
+
+double largest_difference(void)
+{
+    double worst = 0;
+    for (int i = 0; i < template_.n3d; i++)
+        if (template_.SpaceTime.fData[i] != 0.0f)
+            worst = std::max(worst, (double)fabs(template_.SpaceTime.fData[i] - individual.SpaceTime.fData[i]));
+    return worst;
+}
+
+}  // namespace
+
+TEST(TransformCoordinates, MatchingParametersBringAMovedPhantomBack)
+{
+    make_moved_phantom(2.0f, -1.5f, 10.0f);
+    transform_coordinates(1, 1);
+    double unaligned = largest_difference();
+    Alignment.value[0] = 2.0f;
+    Alignment.value[1] = -1.5f;
+    Alignment.value[3] = 10.0f;
+    transform_coordinates(1, 1);
+    double aligned = largest_difference();
+    EXPECT_GT(unaligned, 20.0);
+    EXPECT_LT(aligned, 1.0);  // of values up to 105
+}
+
+TEST(CostFunction, SimilarityPeaksAtTheMatchingParameters)
+{
+    make_moved_phantom(2.0f, -1.5f, 10.0f);
+    const float truth[3] = {2.0f, -1.5f, 10.0f};
+    const int index[3] = {0, 1, 3};
+    const float step[3] = {1.0f, 1.0f, 3.0f};
+    for (int icost = 0; icost < 2; icost++) {
+        Alignment.value[0] = truth[0];
+        Alignment.value[1] = truth[1];
+        Alignment.value[3] = truth[2];
+        transform_coordinates(1, 0);
+        float best = cost_function(icost);
+        for (int k = 0; k < 3; k++)
+            for (int sign = -1; sign <= 1; sign += 2) {
+                Alignment.value[index[k]] = truth[k] + sign * step[k];
+                transform_coordinates(1, 0);
+                EXPECT_LT(cost_function(icost), best) << "cost " << icost << " parameter " << index[k] << " " << sign;
+                Alignment.value[index[k]] = truth[k];
+            }
+    }
+}
+
+namespace {
+
+// The specified arithmetic for one template voxel, written out plainly: positions through the
+// three matrices, kernel weights from numerics, weight (wz*wx)*wy in float, value*weight and
+// weight summed in double, z outer and x inner. No wrap-around, all samples inside the grid.
+float one_voxel_oracle(int x, int y, int z, int accurate)
+{
+    data_stack tgrid = template_, ogrid = original;
+    tgrid.ijk_to_xyz = Alignment.ijk_to_xyz;
+    ogrid.xyz_to_ijk = Alignment.xyz_to_ijk;
+    mat44 affine;
+    memcpy(affine.m, Alignment.Affine, sizeof affine.m);
+    POINT3D p = Convert_Voxel_to_Space({x, y, z}, &tgrid);
+    POINT3D q = apply_mat44(affine, p.x, p.y, p.z);
+    POINT3D v = Convert_Space_to_rVoxel(q, &ogrid);
+    float r = Alignment.resolution.x / original.resolution.x;
+    int w = accurate ? std::max(2, (int)floorf(r)) : std::max(1, (int)floorf(r));
+    float sigma = (float)(0.425 * r);
+    auto weight = [&](float d) { return accurate ? Lanczos_filter(w, d) : Gauss(d, 0.0f, sigma); };
+    double sum = 0, wsum = 0;
+    for (int k = (int)floorf(v.z) - w; k <= (int)ceilf(v.z) + w; k++)
+        for (int j = (int)floorf(v.y) - w; j <= (int)ceilf(v.y) + w; j++)
+            for (int i = (int)floorf(v.x) - w; i <= (int)ceilf(v.x) + w; i++) {
+                float wt = weight(v.z - k) * weight(v.x - i) * weight(v.y - j);
+                sum += (double)(at(&original, i, j, k) * wt);
+                wsum += wt;
+            }
+    return (float)(sum / wsum);
+}
+
+}  // namespace
+
+TEST(TransformCoordinates, FollowsTheSpecifiedArithmeticBitForBit)
+{
+    make_scene(16, 1.25f, 16, 1.0f);
+    fill_random(&original, 1.0f, 1000.0f, 12);
+    Alignment.value[0] = 0.7f;
+    Alignment.value[2] = -1.1f;
+    Alignment.value[3] = 9.0f;
+    Alignment.value[4] = -4.0f;
+    Alignment.value[6] = 1.07f;
+    Alignment.value[10] = 0.03f;
+    for (int accurate = 0; accurate < 2; accurate++) {
+        transform_coordinates(1, accurate);
+        for (int z = 5; z <= 10; z += 5)
+            for (int y = 6; y <= 9; y += 3)
+                for (int x = 5; x <= 10; x++)
+                    EXPECT_EQ(at(&individual, x, y, z), one_voxel_oracle(x, y, z, accurate))
+                        << accurate << ": " << x << " " << y << " " << z;
+    }
 }

@@ -1,1 +1,129 @@
-// tests for similarity
+// Mutual information and normalized correlation of individual against template_, and the
+// volume averages over the template's nonzero voxels.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "globals.h"
+#include "similarity.h"
+#include "test_support.h"
+
+namespace {
+
+// A 1-D grid of template and individual values (the grid walk does not care about shape).
+void set_pair(const std::vector<float> &tpl, const std::vector<float> &ind)
+{
+    int n = (int)tpl.size();
+    make_stack(&template_, n, 1, 1, 1);
+    make_stack(&individual, n, 1, 1, 1);
+    for (int i = 0; i < n; i++) {
+        template_.SpaceTime.fData[i] = tpl[i];
+        individual.SpaceTime.fData[i] = ind[i];
+    }
+    iTime_Template = 0;
+    graph = {};
+}
+
+}  // namespace
+
+TEST(CalculateVolumeAverages, OnlyVoxelsWithANonzeroTemplateCount)
+{
+    set_pair({0, 2, 4, 0, 6}, {100, 1, 2, 100, 6});
+    float ai, at;
+    calculate_volume_averages(&ai, &at);
+    EXPECT_FLOAT_EQ(ai, 3.0f);
+    EXPECT_FLOAT_EQ(at, 4.0f);
+}
+
+TEST(CalculateVolumeAverages, ReadsTheSelectedTimePoints)
+{
+    make_stack(&template_, 2, 1, 1, 2);
+    make_stack(&individual, 2, 1, 1, 3);
+    float t[4] = {0, 0, 1, 3}, d[6] = {9, 9, 9, 9, 4, 8};
+    for (int i = 0; i < 4; i++) template_.SpaceTime.fData[i] = t[i];
+    for (int i = 0; i < 6; i++) individual.SpaceTime.fData[i] = d[i];
+    iTime_Template = 1;
+    graph = {};
+    graph.iTime = 2;
+    float ai, at;
+    calculate_volume_averages(&ai, &at);
+    EXPECT_FLOAT_EQ(ai, 6.0f);
+    EXPECT_FLOAT_EQ(at, 2.0f);
+}
+
+TEST(CostFunction, TheLargestScaledValueLandsInBin49)
+{
+    // averages 49.75 and 2.5: individual (0, 0, 1.99, 2.01), template (0.4, 0.8, 1.2, 1.6);
+    // the range is 0..2.01, so the individual's bins are 0, 0, 49 (49.5) and 49 (exactly 50).
+    // Every template bin differs, so MI = H(I) = ln 2. A 50th bin would give 1.5 ln 2.
+    set_pair({1, 2, 3, 4, 0, 0}, {0, 0, 99, 100, 500, -3});
+    EXPECT_NEAR(cost_function(0), log(2.0), 1e-6);
+}
+
+TEST(CostFunction, IdenticalVolumesGiveTheEntropyOfTheirHistogram)
+{
+    // scaled (0.4, 0.8, 1.2, 1.6): bins 0, 16, 33, 49, all different: MI = ln 4
+    set_pair({1, 2, 3, 4}, {1, 2, 3, 4});
+    EXPECT_NEAR(cost_function(0), log(4.0), 1e-6);
+    // two voxels share a bin: H = -(1/2 ln 1/2 + 2 * 1/4 ln 1/4) = 1.5 ln 2
+    set_pair({1, 1, 3, 4}, {1, 1, 3, 4});
+    EXPECT_NEAR(cost_function(0), 1.5 * log(2.0), 1e-6);
+}
+
+TEST(CostFunction, MutualInformationIsLargestForTheMatchingIndividual)
+{
+    std::mt19937 rng{1};
+    std::uniform_real_distribution<float> u(1.0f, 10.0f);
+    std::vector<float> tpl(500), same(500), shuffled;
+    for (int i = 0; i < 500; i++) tpl[i] = same[i] = u(rng);
+    shuffled = tpl;
+    std::shuffle(shuffled.begin(), shuffled.end(), rng);
+    set_pair(tpl, same);
+    float matched = cost_function(0);
+    set_pair(tpl, shuffled);
+    EXPECT_GT(matched, cost_function(0) + 0.5f);
+}
+
+TEST(CostFunction, ConstantIndividualGivesZeroInformation)
+{
+    set_pair({1, 5, 2, 8, 3}, {7, 7, 7, 7, 7});
+    EXPECT_EQ(cost_function(0), 0.0f);
+}
+
+TEST(CostFunction, ZeroIndividualAverageScalesByOne)
+{
+    // individual average 0 -> divided by 1: (-1, 1, -2, 2); template (0.4 .. 1.6); range -2..2
+    // gives individual bins 12, 37, 0, 49 and template bins 30, 35, 40, 45: all pairs distinct
+    // and every individual bin single, so MI = ln 4. Against that, the individual bins of
+    // a template of (1, 1, 2, 2) are paired two by two: MI = ln 2.
+    set_pair({1, 2, 3, 4}, {-1, 1, -2, 2});
+    EXPECT_NEAR(cost_function(0), log(4.0), 1e-6);
+    set_pair({1, 1, 2, 2}, {-1, 1, -2, 2});
+    EXPECT_NEAR(cost_function(0), log(2.0), 1e-6);
+}
+
+TEST(CostFunction, CorrelationOfEqualVolumesIsOneOverN)
+{
+    set_pair({3, 0, 1, 4, 1, 5, 0, 9}, {3, 42, 1, 4, 1, 5, -7, 9});
+    EXPECT_NEAR(cost_function(1), 1.0f / 6.0f, 1e-6);
+}
+
+TEST(CostFunction, CorrelationIsNotCentredAndIsDividedByTheCount)
+{
+    // sum IT = 4, sum I^2 = sum T^2 = 5: (4 / sqrt 5) / sqrt 5 / 2 = 0.4
+    set_pair({2, 1, 0}, {1, 2, 6});
+    EXPECT_NEAR(cost_function(1), 0.4f, 1e-6);
+    EXPECT_NEAR(cost_function(7), 0.4f, 1e-6);  // any nonzero code selects the correlation
+}
+
+TEST(CostFunction, AllZeroTemplateLeavesNothingToCompare)
+{
+    set_pair({0, 0, 0}, {1, 2, 3});
+    float ai, at;
+    calculate_volume_averages(&ai, &at);
+    EXPECT_TRUE(std::isnan(ai));
+    EXPECT_TRUE(std::isnan(cost_function(1)));
+}
