@@ -224,6 +224,22 @@ TEST(WriteDistortionFiles, NameWithoutExtensionIsRefused)
     EXPECT_EQ(file_size("distortions.nii"), -1);
 }
 
+TEST(WriteDistortionFiles, UnwritableNiftiPrintsOnlyItsOwnMessage)
+{
+    ScopedTempDir dir;
+    set_up_maps();
+    char root[1024] = "missing/distortions";
+    FILE *fp = (FILE *)1;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(open_output_file(3, 6, root, &fp), 0);
+    EXPECT_EQ(fp, nullptr);
+    char name[1024] = "missing/distortions.nii";
+    EXPECT_EQ(write_distortion_files(name), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Error: cannot open the header file missing/distortions.nii.\n"
+              "Error: cannot open the header file missing/distortions.nii.\n");
+}
+
 TEST(ReadDistortionFile, OtherByteOrderSwapsAndSetsAdjusted)
 {
     ScopedTempDir dir;
