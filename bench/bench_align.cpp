@@ -4,8 +4,6 @@
 // template voxels per second. The thread count of the resampling follows ALIGN_THREADS.
 #include <benchmark/benchmark.h>
 
-#include <nifti1_io.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,47 +13,32 @@
 #include "resample.h"
 #include "similarity.h"
 #include "volume.h"
+#include "volume_load.h"
 
 namespace {
 
 const char *template_file = "/usr/share/mricron/templates/ch2bet.nii.gz";
 const char *individual_file = "/usr/share/mricron/templates/ch2.nii.gz";
 
-// Reads a NIfTI-1 volume (compressed or not) into a one-time-point float stack with the plain
-// voxel geometry; only dimensions, voxel sizes and values matter here.
-int load_volume(const char *name, data_stack *s)
+// Unpacks a compressed template into a temporary directory and reads it with the program's
+// own loader, as the start-up does.
+int load_volume(const char *gz, const char *role_name, file_list *role, data_stack *s)
 {
-    nifti_image *nim = nifti_image_read(name, 1);
-    if (nim == NULL) return 1;
-    memset(s, 0, sizeof *s);
-    s->dim = {(int)nim->nx, (int)nim->ny, (int)nim->nz};
-    s->resolution = {nim->dx, nim->dy, nim->dz};
-    s->direction = {1.0f, 1.0f, 1.0f};
-    s->fov = {s->dim.x * s->resolution.x, s->dim.y * s->resolution.y, s->dim.z * s->resolution.z};
-    s->nt = 1;
-    s->n2d = s->dim.x * s->dim.y;
-    s->n3d = s->n2d * s->dim.z;
-    s->n4d = s->n3d;
-    s->npts_volume = s->n3d;
-    s->ijk_to_xyz = scale_and_shift_to_mat44(s->resolution, s->origin, s->direction);
-    s->xyz_to_ijk = invert_mat44(s->ijk_to_xyz);
-    s->SpaceTime.fData = float_vector(s->n3d);
-    for (int i = 0; i < s->n3d; i++) {
-        double v;
-        switch (nim->datatype) {
-        case DT_UINT8: v = ((unsigned char *)nim->data)[i]; break;
-        case DT_INT16: v = ((short *)nim->data)[i]; break;
-        case DT_UINT16: v = ((unsigned short *)nim->data)[i]; break;
-        case DT_INT32: v = ((int *)nim->data)[i]; break;
-        case DT_FLOAT32: v = ((float *)nim->data)[i]; break;
-        case DT_FLOAT64: v = ((double *)nim->data)[i]; break;
-        default: nifti_image_free(nim); return 1;
-        }
-        if (nim->scl_slope != 0.0f) v = v * nim->scl_slope + nim->scl_inter;
-        s->SpaceTime.fData[i] = (float)v;
+    static char dir[] = "/tmp/align-bench-XXXXXX";
+    static int made = 0;
+    if (!made) {
+        if (mkdtemp(dir) == NULL) return 1;
+        made = 1;
     }
-    nifti_image_free(nim);
-    return 0;
+    char nii[1024], cmd[4096];
+    snprintf(nii, sizeof nii, "%s/%s.nii", dir, role_name);
+    snprintf(cmd, sizeof cmd, "gzip -dc '%s' > '%s'", gz, nii);
+    if (system(cmd) != 0) return 1;
+    add_image_file(role, nii, 0, 0);
+    int nfiles = 0;
+    int status = read_SpaceTime_data(0, s, role, &nfiles);
+    remove(nii);
+    return status != 0 || nfiles == 0;
 }
 
 void zeroed_like(data_stack *s, const data_stack *like, int nt)
@@ -73,7 +56,8 @@ bool prepare_pair(void)
     static int state = 0;  // 0 not tried, 1 ready, 2 failed
     if (state == 0) {
         state = 2;
-        if (load_volume(template_file, &template_) != 0 || load_volume(individual_file, &original) != 0) {
+        if (load_volume(individual_file, "individual", &individual_files, &original) != 0 ||
+            load_volume(template_file, "template", &template_files, &template_) != 0) {
             fprintf(stderr, "cannot read %s or %s\n", template_file, individual_file);
             return false;
         }

@@ -70,7 +70,9 @@ int calc_number_NL_basis_functions(int nvoxels, int fwhm, int **peak, int **star
 }
 
 /* cos^2 factor of one axis: c*1.570796327/F for an even per-axis index, (c-F)*1.570796327/F
-   for an odd one; cosine in double, 0 when it is exactly 0, else its square as float. */
+   for an odd one; cosine in double, 0 when it is exactly 0, else its square as float.
+   Deliberate: the literal 1.570796327, so the zeros of the shape are tiny but not 0.
+   Pinned by NLBasisFunction.BoxEndIsInclusiveAndUsesTheLiteralQuarterTurn. */
 static inline float axis_factor(int c, int F, int odd)
 {
     double arg = odd ? (c - F) * 1.570796327 / F : c * 1.570796327 / F;
@@ -254,7 +256,8 @@ void update_nonlinear_alignment_parameters(int recalculate_distortions)
    map of component AlignNL.iCoeff loses old*B and gains value*B (two float steps), then the
    box is resampled (transform_coordinates(0, 0)).
    Deliberate: the map is chosen by AlignNL.iCoeff, the old value by the argument; callers set
-   AlignNL.iCoeff and AlignNL.iBasis to match first. */
+   AlignNL.iCoeff and AlignNL.iBasis to match first.
+   Pinned by SetAlignNLValue.TheMapFollowsTheRecordsCurrentCoefficient. */
 void Set_AlignNL_Value(int iCoeff, float value)
 {
     data_stack *map;

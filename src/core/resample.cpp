@@ -1,9 +1,7 @@
-/* Resampling of the individual (original, at graph.iTime) onto the template grid under
-   Alignment.Affine plus the displacement maps distort_x/y/z; writes individual at the same time
-   point. Reads template_ (at iTime_Template) to skip voxels outside the template's content,
-   Alignment (matrices, resolution, WrapAround) and the AlignNL boxes. No X11.
-   Output voxels are independent, so z-slices are shared out over threads (parallel_ranges);
-   every voxel is computed with the same arithmetic whatever the thread count. */
+/* Resampling of original (at graph.iTime) onto the template grid under Alignment.Affine plus
+   distort_x/y/z, into individual. Reads template_, Alignment and the AlignNL boxes. No X11.
+   Output voxels are independent: z-slices are shared out over threads (parallel_ranges), each
+   voxel computed with the same arithmetic whatever the thread count. */
 #include "resample.h"
 
 #include <cmath>
@@ -90,6 +88,9 @@ static inline void axis_weights(axis_samples *a, float v, int n, int wraps, int 
         a->count++;
     }
 }
+
+/* Regions of fewer voxels are resampled on the calling thread. */
+static const long long small_region = 4096;
 
 /* Positions beyond this many voxels are treated as off the grid (also catches NaN). */
 static const float far_off_grid = 1.0e8f;
@@ -287,7 +288,12 @@ void transform_coordinates(int all_voxels, int most_accurate)
         s.end = AlignNL.Index3DEnd[AlignNL.iBasis];
     }
     int nslices = s.end.z - s.start.z;
+    long long nvoxels = (long long)nslices * (s.end.y - s.start.y) * (s.end.x - s.start.x);
     const resample_setup *setup = &s;
+    if (nvoxels < small_region) {  /* a small basis box: starting threads would cost more */
+        resample_slices(setup, s.start.z, s.end.z);
+        return;
+    }
     parallel_ranges(nslices, [setup](int first, int last) {
         resample_slices(setup, setup->start.z + first, setup->start.z + last);
     });

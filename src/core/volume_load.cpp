@@ -87,6 +87,8 @@ static int check_data_sizes(data_stack *stack1, file_list *file_info)
                 slice_file_name(slice, node->file_name, z, h->storage_type);
                 if (!file_size(slice, &size)) return 0;
                 if (size < need) {
+                    /* Deliberate: float slices get the same "short data" text.
+                       Pinned by ReadFreesurferFile.SlicesFillTheirPlanesOfEveryVolume. */
                     printf("Error reading the short data from file %s\n", node->file_name);
                     return 1;
                 }
@@ -177,8 +179,8 @@ int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *fi
         node->header = header;
         node->nt = node->type == 3 ? 1 : header.nt;
         if ((long long)stack1->nt + node->nt > MAX_STACK_FLOATS) {
-            printf("Error: too many volumes (%lld) in the files of %s.\n",
-                   (long long)stack1->nt + node->nt, node->file_name);
+            printf("Error: with %s the list holds %lld volumes, too many to hold in memory.\n",
+                   node->file_name, (long long)stack1->nt + node->nt);
             return 1;
         }
         node->start_image = stack1->nt;
@@ -341,6 +343,7 @@ int read_freesurfer_file(data_stack *stack1, file_list *file_info)
         }
         for (int t = 0; t < nt; t++) {
             if (fread(buffer, bytes, (size_t)n2d, fp) != (size_t)n2d) {
+                /* Deliberate: the text says "short" for float slices too. */
                 printf("Error reading the short data from file %s\n", name);
                 free_storage_vector(storage, buffer);
                 fclose(fp);

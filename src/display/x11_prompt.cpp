@@ -1,1 +1,52 @@
-/* x11_prompt: under construction */
+/* Modal text input on the information line and the quit dialog. Reads X11 events itself and
+   drops every event that is not a key press. Xlib. */
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "display_hooks.h"
+#include "interaction.h"
+#include "persist.h"
+#include "x11_display.h"
+#include "x11_events.h"
+
+static void show_prompt(const char *prompt, const char *hint, const char *result)
+{
+    char line[2100];
+    snprintf(line, sizeof line, "%s >%s", prompt, result);
+    show_on_info_line(line, hint, "");
+}
+
+int get_X11_string(int where, const char *prompt, const char *hint, const char *deflt, int mode, int multi,
+                   char *result)
+{
+    (void)where; /* the graph window is not open in this program yet: the image line serves */
+    snprintf(result, 1024, "%s", deflt);
+    show_prompt(prompt, hint, result);
+    for (;;) {
+        XEvent event;
+        get_next_event(&event);
+        if (event.type != KeyPress) continue;
+        char key = 0;
+        if (!get_key_press(&event.xkey, &key)) continue;
+        int state = prompt_edit(result, (unsigned char)key, mode, multi);
+        if (state < 0) return 0;
+        show_prompt(prompt, hint, result);
+        if (state > 0) break;
+    }
+    if (strcmp(result, " ") == 0) snprintf(result, 1024, "%s", deflt);
+    return 1;
+}
+
+void action_quit_specific(void) { save_alignment_parameters(); }
+
+void action_quit(void)
+{
+    char answer[1024];
+    if (get_X11_string(2, "Really quit?", "(y,Y,other)", "", 0, 0, answer) == 1 &&
+        (strcmp(answer, "y") == 0 || strcmp(answer, "Y") == 0)) {
+        action_quit_specific();
+        exit(0);
+    }
+    show_on_info_line("continuing...", "", "");
+}

@@ -41,7 +41,7 @@ void expect_grid(const std::vector<triple> &got, const std::vector<triple> &want
 }
 
 // Template grid with its maps; AlignNL with the requested grid, built by the first call.
-void make_model(int nx, int ny, int nz, IPOINT3D grid)
+void make_model(int nx, int ny, int nz, IPOINT3D grid, int smoothing = 0)
 {
     make_stack(&template_, nx, ny, nz, 1);
     make_stack(&individual, nx, ny, nz, 1);
@@ -55,6 +55,7 @@ void make_model(int nx, int ny, int nz, IPOINT3D grid)
     AlignNL = {};
     AlignNL.Adjust = {1, 1, 1};
     AlignNL.BasisGrid = grid;
+    AlignNL.Gaussian_smoothing = smoothing;
     update_nonlinear_alignment_parameters(0);
 }
 
@@ -143,7 +144,9 @@ TEST(NLBasisFunction, BoxEndIsInclusiveAndUsesTheLiteralQuarterTurn)
 
 TEST(UpdateNonlinearAlignmentParameters, BuildsTheGridInBasisOrder)
 {
-    make_model(16, 8, 8, {4, 2, 8});
+    testing::internal::CaptureStdout();  // the first build never smooths, whatever is asked
+    make_model(16, 8, 8, {4, 2, 8}, 3);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(AlignNL.BasisFWHM.x, 4);
     EXPECT_EQ(AlignNL.BasisFWHM.y, 4);
     EXPECT_EQ(AlignNL.BasisFWHM.z, 1);
@@ -248,6 +251,22 @@ TEST(UpdateNonlinearAlignmentParameters, BoxEndGetsNoContribution)
     EXPECT_EQ(map_at(&distort_x, 8, 8, 0), 0.0f);
     EXPECT_EQ(map_at(&distort_x, 8, 7, 0), NL_Basis_function(1, {8, 7, 0}));
     EXPECT_EQ(map_at(&distort_x, 8, 0, 0), 1.0f);
+}
+
+TEST(UpdateNonlinearAlignmentParameters, GaussianSmoothingSpreadsTheMapsBeforeSampling)
+{
+    make_model(16, 16, 16, {4, 4, 2});  // half-widths 4, 4, 8
+    int b = 1 + 5 * 2;                 // peak (4, 8, 0)
+    IPOINT3D p = AlignNL.Index3DPeak[b];
+    distort_y.SpaceTime.fData[index4d_stack(&distort_y, p.x, p.y, p.z, 0)] = 10.0f;
+    AlignNL.Gaussian_smoothing = 2;
+    testing::internal::CaptureStdout();
+    update_nonlinear_alignment_parameters(0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "smoothed distortion fields by 4 4 8mm\n");
+    float spread = AlignNL.value[AlignNL.NBasis + b];
+    EXPECT_GT(spread, 0.0f);
+    EXPECT_LT(spread, 5.0f);
+    EXPECT_GT(map_at(&distort_y, p.x + 1, p.y, p.z), 0.0f);
 }
 
 TEST(UpdateNonlinearAlignmentParameters, RefreshesTheDisplayOnlyWhenItShowsAMap)

@@ -1,1 +1,242 @@
-// tests for prepare
+// Working volumes, the display's starting layout, down-sampling and resolution changes.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <string>
+
+#include "align_model.h"
+#include "display_hooks.h"
+#include "display_model.h"
+#include "filters.h"
+#include "globals.h"
+#include "numerics.h"
+#include "prepare.h"
+#include "test_support.h"
+#include "volume.h"
+
+namespace {
+
+/* Template and individual as read, the start-up order up to the filtered working copies. */
+void start_up(int tx, int ty, int tz, int ix, int iy, int iz, int individual_nt, int panels)
+{
+    make_stack(&template_unfiltered, tx, ty, tz, 1, 1.0f, 1.5f, 2.0f);
+    template_unfiltered.origin = {-10.0f, 4.0f, 30.0f};
+    template_unfiltered.direction = {-1.0f, 1.0f, 1.0f};
+    template_unfiltered.ijk_to_xyz = scale_and_shift_to_mat44(
+        template_unfiltered.resolution, template_unfiltered.origin, template_unfiltered.direction);
+    template_unfiltered.xyz_to_ijk = invert_mat44(template_unfiltered.ijk_to_xyz);
+    for (int i = 0; i < template_unfiltered.n3d; i++) template_unfiltered.SpaceTime.fData[i] = (float)(i % 17);
+    make_stack(&original_unfiltered, ix, iy, iz, individual_nt, 2.0f, 2.0f, 2.0f);
+    for (int i = 0; i < original_unfiltered.n4d; i++) original_unfiltered.SpaceTime.fData[i] = (float)(i % 5);
+    mosaic.DimPanels.x = 0;
+    mosaic.flip_X11_y = 1;
+    initialize_mosaic_ovl(panels);
+}
+
+bool same_matrix(const mat44 &a, const mat44 &b)
+{
+    for (int r = 0; r < 4; r++)
+        for (int c = 0; c < 4; c++)
+            if (a.m[r][c] != b.m[r][c]) return false;
+    return true;
+}
+
+int redraws = 0, panel_redraws = 0, graph_redraws = 0;
+void count_window(void) { redraws++; }
+void count_panel(void) { panel_redraws++; }
+void count_graph(int, int) { graph_redraws++; }
+void install_counting_hooks(void)
+{
+    DisplayHooks = {};
+    DisplayHooks.update_XWindow_image = count_window;
+    DisplayHooks.build_image_display = [](int) { redraws++; };
+    DisplayHooks.refresh_display_image = count_window;
+    DisplayHooks.show_alignment_info = count_panel;
+    DisplayHooks.update_graph_data = count_graph;
+    redraws = panel_redraws = graph_redraws = 0;
+}
+
+}  // namespace
+
+TEST(InitializeMosaicOvl, WorkingVolumesTakeTheirHeadersAndZeroedFields)
+{
+    contrast_low = 0.3f;
+    contrast_high = 0.6f;
+    start_up(6, 5, 4, 3, 3, 3, 3, 0);
+    EXPECT_EQ(contrast_low, 0.0f);
+    EXPECT_EQ(contrast_high, 1.0f);
+
+    EXPECT_EQ(original.dim.x * 10 + original.nt, 33);
+    EXPECT_TRUE(same_matrix(template_.ijk_to_xyz, template_unfiltered.ijk_to_xyz));
+    EXPECT_EQ(individual.dim.y * 10 + individual.nt, 53);  // template grid, individual's time points
+    EXPECT_EQ(NL_bases.dim.z * 10 + NL_bases.nt, 41);
+    data_stack *fields[4] = {&distort_x, &distort_y, &distort_z, &distort_d};
+    for (data_stack *f : fields) {
+        EXPECT_EQ(f->nt, 2);
+        EXPECT_EQ(f->n3d, 120);
+        for (int i = 0; i < 240; i++) ASSERT_EQ(f->SpaceTime.fData[i], 0.0f);
+    }
+    for (int i = 0; i < 120; i++) ASSERT_EQ(NL_bases.SpaceTime.fData[i], 0.0f);
+    EXPECT_NE(distort_x.SpaceTime.fData, distort_y.SpaceTime.fData);  // each its own block
+
+    EXPECT_EQ(mosaic.stack, &template_);
+    EXPECT_EQ(mosaic.icross.x * 100 + mosaic.icross.y * 10 + mosaic.icross.z, 322);
+    EXPECT_EQ(mosaic.nx_RightPanel, ALIGN_RIGHT_PANEL_WIDTH);
+    EXPECT_EQ(mosaic.DimPanels.z, 4);
+    EXPECT_EQ(mosaic.DimPanels.x, 2);  // the display size is computed: 4 panels, 2 x 2
+    EXPECT_GT(mosaic.ImageRegionPixels.x, 0);
+}
+
+TEST(InitializeMosaicOvl, NumberOfPanelsRule)
+{
+    start_up(4, 4, 10, 2, 2, 2, 1, 0);
+    EXPECT_EQ(mosaic.DimPanels.z, 10);
+    EXPECT_EQ(mosaic.negative_panels, 0);
+    start_up(4, 4, 10, 2, 2, 2, 1, 3);
+    EXPECT_EQ(mosaic.DimPanels.z, 3);
+    start_up(4, 4, 10, 2, 2, 2, 1, 25);
+    EXPECT_EQ(mosaic.DimPanels.z, 10);
+    start_up(4, 4, 10, 2, 2, 2, 1, -2);
+    EXPECT_EQ(mosaic.DimPanels.z, 4);
+    EXPECT_EQ(mosaic.negative_panels, 1);
+}
+
+TEST(DownsampleStack, HalvingKeepsConstantsAndInteriorRampsAndSetsTheCoarseGeometry)
+{
+    data_stack s;
+    make_stack(&s, 8, 6, 4, 2, 1.0f, 2.0f, 3.0f);
+    s.origin = {5.0f, -3.0f, 2.0f};
+    s.direction = {1.0f, -1.0f, 1.0f};
+    s.ijk_to_xyz = scale_and_shift_to_mat44(s.resolution, s.origin, s.direction);
+    snprintf(s.name, sizeof s.name, "ramp");
+    // Time point 0: a ramp along x; time point 1: a constant.
+    for (int z = 0; z < 4; z++)
+        for (int y = 0; y < 6; y++)
+            for (int x = 0; x < 8; x++) {
+                s.SpaceTime.fData[(z * 6 + y) * 8 + x] = (float)x;
+                s.SpaceTime.fData[s.n3d + (z * 6 + y) * 8 + x] = 7.0f;
+            }
+    testing::internal::CaptureStdout();
+    downsample_stack(&s, {4, 3, 2});
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");  // at most 5 time points: silent
+
+    EXPECT_EQ(s.dim.x * 100 + s.dim.y * 10 + s.dim.z, 432);
+    EXPECT_EQ(s.n2d * 10000 + s.n3d * 100 + s.n4d, 122448);
+    EXPECT_EQ(s.npts_volume, 24);
+    EXPECT_FLOAT_EQ(s.resolution.x, 2.0f);
+    EXPECT_FLOAT_EQ(s.resolution.y, 4.0f);
+    EXPECT_FLOAT_EQ(s.resolution.z, 6.0f);
+    // origin and directions kept; matrices rebuilt from them and the new voxel size
+    EXPECT_FLOAT_EQ(s.origin.x, 5.0f);
+    EXPECT_FLOAT_EQ(s.direction.y, -1.0f);
+    EXPECT_FLOAT_EQ(s.ijk_to_xyz.m[0][0], 2.0f);
+    EXPECT_FLOAT_EQ(s.ijk_to_xyz.m[1][1], -4.0f);
+    EXPECT_FLOAT_EQ(s.ijk_to_xyz.m[0][3], 5.0f);
+    EXPECT_FLOAT_EQ(s.xyz_to_ijk.m[1][1], -0.25f);
+    EXPECT_FLOAT_EQ(s.xyz_to_ijk.m[0][3], -2.5f);
+
+    for (int v = 0; v < 24; v++) ASSERT_NEAR(s.SpaceTime.fData[24 + v], 7.0f, 1e-5) << v;
+    // New voxel i lies at old x = 2i + 0.5; its kernel (2i-2 .. 2i+3) is symmetric inside.
+    for (int z = 0; z < 2; z++)
+        for (int y = 0; y < 3; y++)
+            for (int i = 1; i <= 2; i++) ASSERT_NEAR(s.SpaceTime.fData[(z * 3 + y) * 4 + i], 2 * i + 0.5f, 1e-4);
+    // At the edge the kernel is cut off: the first voxel leans inwards.
+    EXPECT_GT(s.SpaceTime.fData[0], 0.5f);
+    free_stack(&s);
+}
+
+TEST(DownsampleStack, ComplexPairsAndTheProgressLine)
+{
+    data_stack s;
+    make_stack(&s, 4, 2, 2, 6);
+    free_float_vector(s.SpaceTime.fData);
+    s.data_type = 1;
+    s.npts_volume = 2 * s.n3d;
+    s.SpaceTime.fData = float_vector(2 * s.n4d);
+    for (int n = 0; n < s.n4d; n++) {
+        s.SpaceTime.fData[2 * n] = 3.0f;
+        s.SpaceTime.fData[2 * n + 1] = -1.0f + (float)(n / s.n3d);
+    }
+    snprintf(s.name, sizeof s.name, "pairs");
+    testing::internal::CaptureStdout();
+    downsample_stack(&s, {2, 1, 1});
+    std::string out = testing::internal::GetCapturedStdout();
+    std::string want;
+    for (int t = 1; t <= 6; t++) want += "\rFinished " + std::to_string(t) + " of 6 time points for stack `pairs'.";
+    EXPECT_EQ(out, want + "\n");
+    EXPECT_EQ(s.n3d, 2);
+    EXPECT_EQ(s.npts_volume, 4);
+    for (int t = 0; t < 6; t++)
+        for (int v = 0; v < 2; v++) {
+            int n = t * 2 + v;
+            ASSERT_NEAR(s.SpaceTime.fData[2 * n], 3.0f, 1e-5);
+            ASSERT_NEAR(s.SpaceTime.fData[2 * n + 1], -1.0f + t, 1e-5);
+        }
+    free_stack(&s);
+}
+
+TEST(ActionChangeResolution, ARequestEqualToTheStepsInForceChangesNothing)
+{
+    start_up(6, 6, 6, 6, 6, 6, 1, 0);
+    initialize_alignment();
+    AlignAid.SubSampleSetting = {1, 1, 1};
+    AlignAid.SubSample = {1, 1, 1};
+    install_counting_hooks();
+    float *data = template_.SpaceTime.fData;
+    Alignment.dimension = {-7, -7, -7};
+    action_change_resolution();
+    EXPECT_EQ(template_.SpaceTime.fData, data);
+    EXPECT_EQ(Alignment.dimension.x, -7);
+    EXPECT_EQ(redraws + panel_redraws + graph_redraws, 0);
+    DisplayHooks = {};
+}
+
+TEST(ActionChangeResolution, ReducingAndRestoringTheTemplateGrid)
+{
+    start_up(4, 4, 181, 4, 4, 20, 1, 0);
+    initialize_alignment();
+    filter_image_data();
+    install_counting_hooks();
+
+    AlignAid.SubSampleSetting = {1, 1, 2};
+    action_change_resolution();
+    EXPECT_EQ(AlignAid.LowResolution, 1);
+    EXPECT_EQ(AlignAid.SubSample.z, 2);
+    EXPECT_EQ(Alignment.dimension.z, 90);
+    EXPECT_EQ(Alignment.dimension.x, 4);
+    EXPECT_FLOAT_EQ(Alignment.resolution.z, 2.0f * (181.0f / 90.0f));
+    EXPECT_EQ(template_.dim.z, 90);
+    EXPECT_EQ(template_.n3d, 4 * 4 * 90);
+    EXPECT_FLOAT_EQ(template_.resolution.z, 2.0f * 181.0f / 90.0f);
+    EXPECT_FLOAT_EQ(template_.resolution.x, 1.0f);
+    EXPECT_EQ(distort_x.dim.z, 90);
+    EXPECT_EQ(distort_d.dim.z, 90);
+    EXPECT_EQ(distort_z.nt, 2);
+    EXPECT_EQ(individual.dim.z, 90);
+    EXPECT_EQ(individual.nt, original.nt);
+    EXPECT_TRUE(same_matrix(Alignment.ijk_to_xyz, centered_ijk_to_xyz(template_)));
+    EXPECT_TRUE(same_matrix(Alignment.xyz_to_ijk, centered_xyz_to_ijk(original_unfiltered)));
+    EXPECT_GE(redraws, 1);
+    EXPECT_EQ(panel_redraws, 1);
+    EXPECT_EQ(graph_redraws, 1);
+
+    AlignAid.SubSampleSetting = {1, 1, 1};
+    action_change_resolution();
+    EXPECT_EQ(AlignAid.LowResolution, 0);
+    EXPECT_EQ(template_.dim.z, 181);
+    EXPECT_EQ(template_.n3d, template_unfiltered.n3d);
+    EXPECT_FLOAT_EQ(template_.resolution.z, 2.0f);
+    EXPECT_TRUE(same_matrix(template_.ijk_to_xyz, template_unfiltered.ijk_to_xyz));
+    EXPECT_TRUE(same_matrix(template_.xyz_to_ijk, template_unfiltered.xyz_to_ijk));
+    EXPECT_EQ(Alignment.dimension.z, 181);
+    EXPECT_FLOAT_EQ(Alignment.resolution.z, 2.0f);
+    EXPECT_EQ(distort_y.dim.z, 181);
+    EXPECT_EQ(individual.dim.z, 181);
+    EXPECT_TRUE(same_matrix(Alignment.ijk_to_xyz, centered_ijk_to_xyz(template_unfiltered)));
+    // The full-resolution template holds the unfiltered data again (rolloff off).
+    for (int i = 0; i < template_.n3d; i++)
+        ASSERT_EQ(template_.SpaceTime.fData[i], template_unfiltered.SpaceTime.fData[i]) << i;
+    EXPECT_EQ(mosaic.icross.z, 90);
+    DisplayHooks = {};
+}

@@ -1,1 +1,559 @@
-// tests for render
+/* Unit tests of the display library without a server: pixel layers, colour schemes,
+   thresholds, neighbourhoods, the pixel buffers, key codes and the window rules. */
+/* gtest before Xlib: Xlib defines macros (None, Bool) that gtest uses as names. */
+#include <gtest/gtest.h>
+
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <X11/keysym.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "globals.h"
+#include "interaction.h"
+#include "render.h"
+#include "test_support.h"
+#include "x11_display.h"
+#include "x11_events.h"
+
+static unsigned long rgb(int r, int g, int b) { return (unsigned long)(r * 65536 + g * 256 + b); }
+
+/* Grey window 0..100: slope 2.55, offset 0. */
+static void grey_window_0_100(void)
+{
+    mosaic = {};
+    image_scale_min = 0.0f;
+    image_scale_max = 100.0f;
+    image_scale_slope = 255.0f / 100.0f;
+    image_scale_offset = 255.0f - image_scale_slope * 100.0f;
+}
+
+TEST(ImagePixel, GreyWindowEdges)
+{
+    grey_window_0_100();
+    EXPECT_EQ(image_pixel(100.0f, 0, 0, 0, 0, 0), rgb(255, 255, 255));
+    EXPECT_EQ(image_pixel(150.0f, 0, 0, 0, 0, 0), rgb(255, 255, 255));
+    EXPECT_EQ(image_pixel(-5.0f, 0, 0, 0, 0, 0), 0ul);
+    EXPECT_EQ(image_pixel(0.0f, 0, 0, 0, 0, 0), 0ul);
+    /* 2.55 * 50 = 127.5 truncates to 127 in all three channels */
+    EXPECT_EQ(image_pixel(50.0f, 0, 0, 0, 0, 0), rgb(127, 127, 127));
+}
+
+TEST(ImagePixel, OverlayTintsBlendWithGreyByWeight)
+{
+    grey_window_0_100();
+    /* full weight: pure tint */
+    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0, 0, 2), rgb(255, 0, 0));
+    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0, 0, 3), rgb(0, 255, 0));
+    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0, 0, 4), rgb(0, 0, 255));
+    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0, 0, 5), rgb(255, 255, 255));
+    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0, 0, 6), rgb(255, 0, 255));
+    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0, 0, 7), rgb(255, 255, 0));
+    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0, 0, 9), rgb(255, 127, 0));
+    /* grey 102 (2.55*40), weight 0.5: 102*0.5 + 127.5 = 178.5 -> 178, cyan */
+    EXPECT_EQ(image_pixel(40.0f, 0, 0.5f, 0, 0, 1), rgb(0, 178, 178));
+}
+
+TEST(ImagePixel, TransparentOverlayIsAlways85PercentGrey)
+{
+    grey_window_0_100();
+    mosaic.transparent_overlay = 1;
+    /* grey 102: 0.85*102 + 0.15*255 = 86.7 + 38.25 = 124.95 -> 124, whatever the weight */
+    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0, 0, 2), rgb(124, 0, 0));
+    EXPECT_EQ(image_pixel(40.0f, 0, 0.2f, 0, 0, 2), rgb(124, 0, 0));
+}
+
+TEST(ImagePixel, HighlightWinsOverOverlay)
+{
+    grey_window_0_100();
+    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0, 1.0f, 2), rgb(255, 255, 0));
+    /* weight 0.5 on grey 102 -> 178 in red and green */
+    EXPECT_EQ(image_pixel(40.0f, 0, 0, 0, 0.5f, 0), rgb(178, 178, 0));
+}
+
+TEST(ImagePixel, CrosshairStyleOneBlendsWithGreyNotWithOverlay)
+{
+    grey_window_0_100();
+    mosaic.display_crosshairs = 1;
+    EXPECT_EQ(image_pixel(40.0f, 0, 0, 1.0f, 0, 0), rgb(0, 255, 255));
+    /* under a red overlay the half-weight crosshair still mixes with grey 102 */
+    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0.5f, 0, 2), rgb(0, 178, 178));
+    mosaic.display_crosshairs = 2;
+    EXPECT_EQ(image_pixel(40.0f, 0, 0, 1.0f, 0, 0), rgb(102, 102, 102));
+}
+
+static void activation_scheme(int scheme, float low, float high)
+{
+    mosaic.activation.visible = 1;
+    mosaic.activation.color_scheme = scheme;
+    mosaic.activation.color_sign = 1;
+    mosaic.activation.thresh_lin_low = low;
+    mosaic.activation.thresh_lin_high = high;
+    act_scale_slope = 1.0f;
+    act_scale_offset = 0.0f;
+}
+
+TEST(ImagePixel, RainbowSchemeEndsAndThresholds)
+{
+    grey_window_0_100();
+    activation_scheme(2, 10.0f, 5000.0f);
+    EXPECT_EQ(image_pixel(40.0f, 767.0f, 0, 0, 0, 0), rgb(0, 255, 0));
+    EXPECT_EQ(image_pixel(40.0f, 1279.0f, 0, 0, 0, 0), rgb(255, 0, 0));
+    EXPECT_EQ(image_pixel(40.0f, 300.0f, 0, 0, 0, 0), rgb(0, 44, 255));
+    /* at or below the low threshold the voxel is grey */
+    EXPECT_EQ(image_pixel(40.0f, 10.0f, 0, 0, 0, 0), rgb(102, 102, 102));
+    /* above the high threshold: the top index (red) */
+    mosaic.activation.thresh_lin_high = 1000.0f;
+    EXPECT_EQ(image_pixel(40.0f, 1200.0f, 0, 0, 0, 0), rgb(255, 0, 0));
+    /* not visible: grey */
+    mosaic.activation.visible = 0;
+    EXPECT_EQ(image_pixel(40.0f, 767.0f, 0, 0, 0, 0), rgb(102, 102, 102));
+}
+
+TEST(ImagePixel, ActivatedVoxelUnderOverlayTakesTheOverlayTint)
+{
+    grey_window_0_100();
+    activation_scheme(2, 10.0f, 5000.0f);
+    EXPECT_EQ(image_pixel(40.0f, 767.0f, 1.0f, 0, 0, 4), rgb(0, 0, 255));
+}
+
+TEST(ImagePixel, NegativeAndTwoSidedSchemes)
+{
+    grey_window_0_100();
+    activation_scheme(-1, 10.0f, 5000.0f);
+    /* -m = 300: scheme 1 index 300 -> red 255, green 44, blue 0 */
+    EXPECT_EQ(image_pixel(40.0f, -300.0f, 0, 0, 0, 0), rgb(255, 44, 0));
+    EXPECT_EQ(image_pixel(40.0f, 300.0f, 0, 0, 0, 0), rgb(102, 102, 102));
+    activation_scheme(0, 10.0f, 5000.0f);
+    EXPECT_EQ(image_pixel(40.0f, 100.0f, 0, 0, 0, 0), rgb(228, 0, 0));
+    EXPECT_EQ(image_pixel(40.0f, 200.0f, 0, 0, 0, 0), rgb(255, 72, 0));
+    EXPECT_EQ(image_pixel(40.0f, -100.0f, 0, 0, 0, 0), rgb(0, 0, 228));
+    EXPECT_EQ(image_pixel(40.0f, -200.0f, 0, 0, 0, 0), rgb(0, 72, 183));
+    /* the colour sign flips the two sides of scheme 0 */
+    mosaic.activation.color_sign = -1;
+    EXPECT_EQ(image_pixel(40.0f, -100.0f, 0, 0, 0, 0), rgb(228, 0, 0));
+    /* an unknown scheme draws activated voxels black */
+    activation_scheme(7, 10.0f, 5000.0f);
+    EXPECT_EQ(image_pixel(40.0f, 100.0f, 0, 0, 0, 0), 0ul);
+}
+
+TEST(ActivationThreshold, NegativeLowKeptOnlyForLinearTwoSidedScheme)
+{
+    mosaic = {};
+    mosaic.activation.color_scheme = 0;
+    set_activation_threshold(-1, -3.0f);
+    EXPECT_EQ(get_activation_threshold(-1), -3.0f);
+    set_activation_threshold(1, 9.0f);
+    EXPECT_EQ(get_activation_threshold(1), 9.0f);
+    mosaic.activation.color_scheme = 1;
+    set_activation_threshold(-1, -3.0f);
+    EXPECT_EQ(get_activation_threshold(-1), 0.0f);
+    mosaic.activation.color_scheme = 0;
+    mosaic.activation.scale_log = 1;
+    set_activation_threshold(-1, -2.0f);
+    EXPECT_EQ(get_activation_threshold(-1), 0.0f);
+    set_activation_threshold(1, 4.0f);
+    EXPECT_EQ(mosaic.activation.thresh_log_high, 4.0f);
+    EXPECT_EQ(mosaic.activation.thresh_lin_high, 9.0f);
+}
+
+/* ---- neighbourhoods ---- */
+
+static double lanczos2(double x)
+{
+    if (fabs(x) < 0.00001) return 1.0;
+    if (fabs(x / 2.0) > 1.0) return 0.0;
+    double pi = 3.141592654;
+    return 2.0 * sin(pi * x) * sin(pi * x / 2.0) / (pi * pi * x * x);
+}
+
+static void plane_layout(int nx, int ny, int nz, float rx, float ry, float rz, int zoom)
+{
+    mosaic = {};
+    set_displayed_stack_for_test(nx, ny, nz, 1);
+    float p = rx < ry ? rx : ry;
+    if (rz < p) p = rz;
+    mosaic.PixelResolution = {rx / p, ry / p, rz / p};
+    mosaic.PixelDim = {(int)ceilf(nx * rx / p), (int)ceilf(ny * ry / p), (int)ceilf(nz * rz / p)};
+    mosaic.zoom = zoom;
+}
+
+TEST(CreateNeighborhood, WholeVoxelsAtZoomOneAreOnGrid)
+{
+    plane_layout(4, 3, 2, 1, 1, 1, 1);
+    create_neighborhood(0);
+    ASSERT_NE(mosaic.NeighborsXY, nullptr);
+    EXPECT_EQ(mosaic.OnGridXY, 1);
+    const Neighborhood &e = mosaic.NeighborsXY[2 * 4 + 3];
+    EXPECT_EQ(e.number, 1);
+    EXPECT_EQ(e.address[0].x, 3);
+    EXPECT_EQ(e.address[0].y, 2);
+    EXPECT_EQ(e.weight[0], 1.0f);
+    invert_neighborhood(0);
+    EXPECT_EQ(mosaic.NeighborsXY, nullptr);
+}
+
+TEST(CreateNeighborhood, InterpolationWrapsTheFirstPixelToTheLastVoxel)
+{
+    plane_layout(4, 4, 1, 1, 1, 1, 2);
+    mosaic.interpolate = 1;
+    create_neighborhood(0);
+    EXPECT_EQ(mosaic.OnGridXY, 0);
+    /* pixel (0,0): position (0.5/2 - 0.5) = -0.25 per axis: voxels -1 (wrapped to 3) and 0 */
+    const Neighborhood &e = mosaic.NeighborsXY[0];
+    ASSERT_EQ(e.number, 4);
+    double wlo = lanczos2(0.75), whi = lanczos2(0.25);
+    double sum = (wlo + whi) * (wlo + whi);
+    EXPECT_EQ(e.address[0].x, 3);
+    EXPECT_EQ(e.address[0].y, 3);
+    EXPECT_EQ(e.address[3].x, 0);
+    EXPECT_EQ(e.address[3].y, 0);
+    EXPECT_NEAR(e.weight[0], wlo * wlo / sum, 1e-6);
+    EXPECT_NEAR(e.weight[3], whi * whi / sum, 1e-6);
+    float total = e.weight[0] + e.weight[1] + e.weight[2] + e.weight[3];
+    EXPECT_NEAR(total, 1.0f, 1e-6);
+    /* pixel (1,1) of zoom 2: position 0.75/1 - 0.5 = 0.25 -> voxels 0 and 1 */
+    const Neighborhood &f = mosaic.NeighborsXY[1 * 8 + 1];
+    EXPECT_EQ(f.address[0].x, 0);
+    EXPECT_EQ(f.address[3].x, 1);
+    invert_neighborhood(0);
+    free_stack(&image_stack);
+}
+
+TEST(CreateNeighborhood, DistancesBeyondHalfTheAxisAreMeasuredAroundTheWrap)
+{
+    /* one voxel along y: n/2 is 0, so every distance d becomes |1 - d| */
+    plane_layout(4, 1, 1, 1, 1, 1, 2);
+    mosaic.interpolate = 1;
+    create_neighborhood(0);
+    /* pixel (1, 0): x = 0.25 (voxels 0, 1), y = -0.25 (voxel -1 wrapped to 0, and voxel 0) */
+    const Neighborhood &e = mosaic.NeighborsXY[1];
+    ASSERT_EQ(e.number, 4);
+    for (int i = 0; i < 4; i++) EXPECT_EQ(e.address[i].y, 0);
+    double lx0 = lanczos2(0.25), lx1 = lanczos2(0.75);
+    double ly_lo = lanczos2(1.0 - 0.75), ly_hi = lanczos2(1.0 - 0.25);
+    double sum = (lx0 + lx1) * (ly_lo + ly_hi);
+    EXPECT_NEAR(e.weight[0], lx0 * ly_lo / sum, 1e-6);
+    EXPECT_NEAR(e.weight[2], lx0 * ly_hi / sum, 1e-6);
+    invert_neighborhood(0);
+    free_stack(&image_stack);
+}
+
+TEST(CreateNeighborhood, StretchedAxisBlendsTwoVoxelsWithoutInterpolation)
+{
+    /* voxels 1 x 3 mm in y: each y voxel spans three screen rows */
+    plane_layout(2, 2, 1, 1, 3, 1, 1);
+    create_neighborhood(0);
+    EXPECT_EQ(mosaic.OnGridXY, 0);
+    const Neighborhood &e = mosaic.NeighborsXY[1 * 2 + 0]; /* row 1: y = 1/3 */
+    ASSERT_EQ(e.number, 2);
+    EXPECT_EQ(e.address[0].y, 0);
+    EXPECT_EQ(e.address[1].y, 1);
+    double a = lanczos2(1.0 / 3.0), b = lanczos2(2.0 / 3.0);
+    EXPECT_NEAR(e.weight[0], a / (a + b), 1e-6);
+    EXPECT_EQ(mosaic.NeighborsXY[3 * 2 + 1].number, 1); /* row 3: y = 1 exactly */
+    invert_neighborhood(0);
+    free_stack(&image_stack);
+}
+
+TEST(CreateNeighborhood, FlipReadsRowsFromTheTop)
+{
+    plane_layout(3, 4, 2, 1, 1, 1, 1);
+    mosaic.flip_X11_y = 1;
+    create_neighborhood(2); /* XZ: vertical axis z, 2 voxels */
+    EXPECT_EQ(mosaic.NeighborsXZ[0].address[0].y, 1);
+    EXPECT_EQ(mosaic.NeighborsXZ[3].address[0].y, 0);
+    create_neighborhood(0);
+    EXPECT_EQ(mosaic.NeighborsXY[0].address[0].y, 3);
+    invert_neighborhood(0);
+    invert_neighborhood(2);
+    free_stack(&image_stack);
+}
+
+/* ---- pixel buffers ---- */
+
+/* A 5 x 4 x 3 stack whose voxel value encodes its position, shown 2 x 2 at zoom z. */
+static void mosaic_of_coded_voxels(int zoom)
+{
+    plane_layout(5, 4, 3, 1, 1, 1, zoom);
+    float *d = image_stack.SpaceTime.fData;
+    for (int z = 0; z < 3; z++)
+        for (int y = 0; y < 4; y++)
+            for (int x = 0; x < 5; x++) d[(z * 4 + y) * 5 + x] = (float)(x + 5 * y + 20 * z);
+    static int shown[3];
+    shown[0] = shown[1] = shown[2] = 1;
+    mosaic.display_slice = shown;
+    mosaic.DimPanels = {2, 2, 3};
+    mosaic.ImageRegionPixels = {(2 * 5 + 3) * zoom, (2 * 4 + 3) * zoom};
+    image_scale_min = 0.0f;
+    image_scale_max = 255.0f;
+    prepare_image_display();
+}
+
+static int grey_of(unsigned int p) { return (int)(p & 255u); }
+
+TEST(MakeMosaicImages, VoxelsLandInTheirPanelsBetweenBlackBorders)
+{
+    mosaic_of_coded_voxels(2);
+    std::vector<unsigned int> px((size_t)mosaic.ImageRegionPixels.x * mosaic.ImageRegionPixels.y, 7u);
+    make_mosaic_images(px.data());
+    int W = mosaic.ImageRegionPixels.x;
+    /* voxel (x, y, z) of panel z at ((5c + c + 1 + x) * 2, (4r + r + 1 + y) * 2), both zoomed copies */
+    for (int z = 0; z < 3; z++) {
+        int c = z % 2, r = z / 2;
+        for (int y = 0; y < 4; y++)
+            for (int x = 0; x < 5; x++) {
+                int X = (5 * c + c + 1 + x) * 2, Y = (4 * r + r + 1 + y) * 2;
+                EXPECT_EQ(grey_of(px[(size_t)Y * W + X]), x + 5 * y + 20 * z);
+                EXPECT_EQ(px[(size_t)(Y + 1) * W + X + 1], px[(size_t)Y * W + X]);
+            }
+    }
+    EXPECT_EQ(px[0], 0u);                                 /* outer border */
+    EXPECT_EQ(px[(size_t)2 * W + 12], 0u);                /* border between columns */
+    EXPECT_EQ(px[(size_t)(12 + 2) * W + 14 + 2], 0u);     /* the empty fourth cell */
+    EXPECT_EQ(mosaic.DimPanels.z, 3);
+    free_stack(&image_stack);
+}
+
+TEST(MakeMosaicImages, HiddenSlicesAreSkippedAndFlipTurnsPanels)
+{
+    mosaic_of_coded_voxels(1);
+    static int shown[3] = {0, 1, 1};
+    mosaic.display_slice = shown;
+    mosaic.flip_X11_y = 1;
+    prepare_image_display();
+    std::vector<unsigned int> px((size_t)mosaic.ImageRegionPixels.x * mosaic.ImageRegionPixels.y);
+    make_mosaic_images(px.data());
+    int W = mosaic.ImageRegionPixels.x;
+    /* first panel is slice 1; its top row shows y = 3 */
+    EXPECT_EQ(grey_of(px[(size_t)1 * W + 1]), 0 + 5 * 3 + 20);
+    EXPECT_EQ(grey_of(px[(size_t)4 * W + 1]), 0 + 20);
+    EXPECT_EQ(grey_of(px[(size_t)1 * W + 7 + 2]), 2 + 15 + 40);
+    free_stack(&image_stack);
+}
+
+TEST(MakeMosaicImages, OneThreadAndSeveralGiveTheSamePixels)
+{
+    plane_layout(17, 13, 6, 1, 1.5f, 2, 3);
+    std::mt19937 rng{1};
+    std::uniform_real_distribution<float> u(-10.0f, 300.0f);
+    for (int i = 0; i < image_stack.n3d; i++) image_stack.SpaceTime.fData[i] = u(rng);
+    static int shown[6] = {1, 1, 1, 1, 1, 1};
+    mosaic.display_slice = shown;
+    mosaic.interpolate = 1;
+    mosaic.display_crosshairs = 1;
+    mosaic.icross = {5, 6, 2};
+    mosaic.DimPanels = {3, 2, 6};
+    mosaic.ImageRegionPixels = {(3 * mosaic.PixelDim.x + 4) * 3, (2 * mosaic.PixelDim.y + 3) * 3};
+    image_scale_min = 0.0f;
+    image_scale_max = 255.0f;
+    prepare_image_display();
+    size_t n = (size_t)mosaic.ImageRegionPixels.x * mosaic.ImageRegionPixels.y;
+    std::vector<unsigned int> one(n), many(n);
+    setenv("ALIGN_THREADS", "1", 1);
+    make_mosaic_images(one.data());
+    setenv("ALIGN_THREADS", "4", 1);
+    make_mosaic_images(many.data());
+    unsetenv("ALIGN_THREADS");
+    EXPECT_EQ(0, memcmp(one.data(), many.data(), n * sizeof(unsigned int)));
+    free_stack(&image_stack);
+}
+
+TEST(MakeOrthogonalImages, ThreePlanesThroughTheCrosshair)
+{
+    plane_layout(5, 4, 3, 1, 1, 1, 1);
+    float *d = image_stack.SpaceTime.fData;
+    for (int i = 0; i < image_stack.n3d; i++) d[i] = (float)i;
+    mosaic.display_3orthogonal = 1;
+    mosaic.icross = {2, 1, 2};
+    mosaic.ImageRegionPixels = {5 + 3 + 4, 4 + 3 + 3};
+    image_scale_min = 0.0f;
+    image_scale_max = 255.0f;
+    prepare_image_display();
+    std::vector<unsigned int> px((size_t)12 * 10, 9u);
+    make_orthogonal_images(px.data());
+    int W = 12;
+    /* XY at (1 + x, 1 + y) for z = 2 */
+    EXPECT_EQ(grey_of(px[(size_t)(1 + 3) * W + 1 + 4]), (2 * 4 + 3) * 5 + 4);
+    /* XZ at (1 + x, 4 + 2 + z) for y = 1 */
+    EXPECT_EQ(grey_of(px[(size_t)(6 + 1) * W + 1 + 3]), (1 * 4 + 1) * 5 + 3);
+    /* YZ at (5 + 2 + y, 6 + z) for x = 2 */
+    EXPECT_EQ(grey_of(px[(size_t)(6 + 2) * W + 7 + 3]), (2 * 4 + 3) * 5 + 2);
+    /* the top-right cell is empty without the ZY option */
+    EXPECT_EQ(px[(size_t)2 * W + 8], 0u);
+    mosaic.display_ortho_ZY = 1;
+    mosaic.ImageRegionPixels = {5 + 3 + 3, 4 + 3 + 3};
+    prepare_image_display();
+    W = 11;
+    make_orthogonal_images(px.data());
+    /* ZY at (5 + 2 + z, 1 + y) for x = 2 */
+    EXPECT_EQ(grey_of(px[(size_t)(1 + 3) * W + 7 + 1]), (1 * 4 + 3) * 5 + 2);
+    free_stack(&image_stack);
+}
+
+/* ---- keys and window rules ---- */
+
+TEST(KeysymToCode, NavigationKeysBecomeControlCodes)
+{
+    EXPECT_EQ(keysym_to_code(XK_Home), 13);
+    EXPECT_EQ(keysym_to_code(XK_End), 13);
+    EXPECT_EQ(keysym_to_code(XK_Left), 12);
+    EXPECT_EQ(keysym_to_code(XK_Up), 21);
+    EXPECT_EQ(keysym_to_code(XK_Right), 11);
+    EXPECT_EQ(keysym_to_code(XK_Down), 4);
+    EXPECT_EQ(keysym_to_code(XK_Prior), '+');
+    EXPECT_EQ(keysym_to_code(XK_Next), '-');
+    EXPECT_EQ(keysym_to_code(XK_Help), 'h');
+    EXPECT_EQ(keysym_to_code(XK_a), 0);
+    EXPECT_EQ(keysym_to_code(XK_Return), 0);
+}
+
+TEST(ContrastDrag, OneAxisIsAClick)
+{
+    EXPECT_FALSE(is_contrast_drag(10, 10, 40, 10));
+    EXPECT_FALSE(is_contrast_drag(10, 10, 10, 40));
+    EXPECT_TRUE(is_contrast_drag(10, 10, 40, 41));
+}
+
+TEST(ContrastDrag, LevelsMoveTowardsTheOuterLimits)
+{
+    mosaic = {};
+    mosaic.ImageRegionPixels = {100, 100};
+    contrast_low = 0.0f;
+    contrast_high = 1.0f;
+    apply_contrast_drag(0, 0, 50, 0); /* dx 0.5 right, dy 0 */
+    EXPECT_FLOAT_EQ(contrast_high, 1.1875f);
+    EXPECT_FLOAT_EQ(contrast_low, -0.125f);
+    contrast_low = 0.0f;
+    contrast_high = 1.0f;
+    apply_contrast_drag(50, 0, 50, 20); /* dx 0, dy 0.2 down */
+    EXPECT_FLOAT_EQ(contrast_low, 0.15f);
+    EXPECT_FLOAT_EQ(contrast_high, 1.15f);
+    contrast_low = 0.2f;
+    contrast_high = 0.8f;
+    apply_contrast_drag(50, 50, 30, 40); /* dx -0.2: narrows by 0.12; dy -0.1: down by 0.07 */
+    EXPECT_NEAR(contrast_low, 0.26f - 0.076f, 1e-6);
+    EXPECT_NEAR(contrast_high, 0.74f - 0.076f, 1e-6);
+    contrast_low = 0.0f;
+    contrast_high = 1.0f;
+    apply_contrast_shift(1);
+    EXPECT_FLOAT_EQ(contrast_low, -0.05f);
+    contrast_low = -0.45f;
+    contrast_high = 0.55f;
+    apply_contrast_shift(1); /* (low + 0.5)/2 = 0.025 < 0.05 */
+    EXPECT_FLOAT_EQ(contrast_low, -0.475f);
+    contrast_low = 0.0f;
+    contrast_high = 1.0f;
+}
+
+TEST(ReflowPanels, WiderTallerNarrowerAndUnchanged)
+{
+    mosaic = {};
+    mosaic.ImageRegionPixels = {400, 200};
+    mosaic.nx_RightPanel = 100; /* window 500 x 275 */
+    mosaic.DimPanels = {4, 2, 8};
+    EXPECT_TRUE(reflow_panels(600, 275));
+    EXPECT_EQ(mosaic.DimPanels.x, 5);
+    EXPECT_EQ(mosaic.DimPanels.y, 2);
+    mosaic.DimPanels = {4, 2, 8};
+    EXPECT_TRUE(reflow_panels(500, 400));
+    EXPECT_EQ(mosaic.DimPanels.y, 3);
+    EXPECT_EQ(mosaic.DimPanels.x, 3);
+    mosaic.DimPanels = {4, 2, 8};
+    EXPECT_TRUE(reflow_panels(300, 275));
+    EXPECT_EQ(mosaic.DimPanels.x, 3);
+    EXPECT_EQ(mosaic.DimPanels.y, 3);
+    mosaic.DimPanels = {4, 2, 8};
+    EXPECT_FALSE(reflow_panels(500, 275));
+    EXPECT_EQ(mosaic.DimPanels.x, 4);
+    EXPECT_EQ(mosaic.DimPanels.y, 2);
+    /* window 1900 wide: 1901 is a ratio of 1.0005, inside the dead band */
+    mosaic.ImageRegionPixels = {1800, 200};
+    EXPECT_FALSE(reflow_panels(1901, 275));
+    EXPECT_FALSE(reflow_panels(1899, 275));
+    EXPECT_TRUE(reflow_panels(1897, 275));
+}
+
+TEST(SliceSelection, CentralSlicesAndTheSlidingWindow)
+{
+    int sel[10];
+    select_central_slices(sel, 10, 4);
+    int want4[10] = {0, 0, 0, 1, 1, 1, 1, 0, 0, 0};
+    for (int k = 0; k < 10; k++) EXPECT_EQ(sel[k], want4[k]) << k;
+    select_central_slices(sel, 10, 5);
+    int want5[10] = {0, 0, 0, 1, 1, 1, 1, 1, 0, 0};
+    for (int k = 0; k < 10; k++) EXPECT_EQ(sel[k], want5[k]) << k;
+
+    mosaic = {};
+    set_displayed_stack_for_test(4, 4, 10, 1);
+    mosaic.display_slice = sel;
+    mosaic.icross = {1, 1, 5};
+    EXPECT_TRUE(slide_shown_slices(1));
+    EXPECT_EQ(sel[2], 1);
+    EXPECT_EQ(sel[7], 0);
+    EXPECT_EQ(mosaic.icross.z, 4);
+    select_central_slices(sel, 10, 10);
+    EXPECT_FALSE(slide_shown_slices(0)); /* every slice shown */
+    for (int k = 0; k < 10; k++) sel[k] = k >= 8;
+    EXPECT_FALSE(slide_shown_slices(0)); /* the last slice is already shown */
+    free_stack(&image_stack);
+}
+
+TEST(PromptEdit, BackspaceKeepsTheLastCharacterAndModesFilter)
+{
+    char r[1024] = "y";
+    EXPECT_EQ(prompt_edit(r, 8, 0, 1), 0);
+    EXPECT_STREQ(r, "y");
+    EXPECT_EQ(prompt_edit(r, 127, 0, 1), 0);
+    EXPECT_STREQ(r, "y");
+    snprintf(r, sizeof r, " ");
+    EXPECT_EQ(prompt_edit(r, 'a', 2, 1), 0); /* digits only */
+    EXPECT_EQ(prompt_edit(r, '4', 2, 1), 0);
+    EXPECT_EQ(prompt_edit(r, '2', 2, 1), 0);
+    EXPECT_STREQ(r, " 42");
+    EXPECT_EQ(prompt_edit(r, 8, 2, 1), 0);
+    EXPECT_STREQ(r, " 4");
+    EXPECT_EQ(prompt_edit(r, 13, 2, 1), 1);
+    EXPECT_EQ(prompt_edit(r, 27, 2, 1), -1);
+    snprintf(r, sizeof r, "%s", "");
+    EXPECT_EQ(prompt_edit(r, '7', 1, 0), 0); /* letters only: a digit is ignored */
+    EXPECT_EQ(prompt_edit(r, 'Y', 1, 0), 1); /* one accepted character ends a single answer */
+    EXPECT_STREQ(r, "Y");
+    snprintf(r, sizeof r, "%s", "");
+    EXPECT_EQ(prompt_edit(r, 13, 0, 0), 1); /* an empty answer */
+    EXPECT_STREQ(r, "");
+    EXPECT_EQ(prompt_edit(r, 3, 0, 0), 0); /* control characters are not text */
+}
+
+/* Real key events need a server: skipped without one (the display tests run it under Xvfb). */
+TEST(GetKeyPress, ControlLettersActAsArrowsAndShiftGivesCapitals)
+{
+    Display *d = XOpenDisplay(NULL);
+    if (d == NULL) GTEST_SKIP() << "no X display";
+    XKeyEvent e = {};
+    e.type = KeyPress;
+    e.display = d;
+    char key = 0;
+    struct { KeySym sym; unsigned state; int code; } cases[] = {
+        {XK_d, ControlMask, 4},   {XK_k, ControlMask, 11}, {XK_l, ControlMask, 12},
+        {XK_u, ControlMask, 21},  {XK_Down, 0, 4},         {XK_Left, 0, 12},
+        {XK_z, ShiftMask, 'Z'},   {XK_z, 0, 'z'},          {XK_numbersign, ShiftMask, '#'},
+        {XK_Home, 0, 13},         {XK_Return, 0, 13},      {XK_Prior, 0, '+'},
+        {XK_c, ControlMask, 3},   {XK_a, ControlMask, 1},  {XK_space, 0, ' '},
+    };
+    for (auto &c : cases) {
+        e.keycode = XKeysymToKeycode(d, c.sym);
+        e.state = c.state;
+        if (e.keycode == 0) continue;
+        ASSERT_EQ(get_key_press(&e, &key), 1) << c.sym;
+        EXPECT_EQ(key, (char)c.code) << c.sym;
+    }
+    e.keycode = XKeysymToKeycode(d, XK_Shift_L);
+    e.state = 0;
+    EXPECT_EQ(get_key_press(&e, &key), 0);
+    XCloseDisplay(d);
+}

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -126,4 +128,28 @@ TEST(CostFunction, AllZeroTemplateLeavesNothingToCompare)
     calculate_volume_averages(&ai, &at);
     EXPECT_TRUE(std::isnan(ai));
     EXPECT_TRUE(std::isnan(cost_function(1)));
+}
+
+TEST(CostFunction, OneThreadAndSeveralGiveBitIdenticalInformation)
+{
+    make_stack(&template_, 12, 9, 11, 1);
+    make_stack(&individual, 12, 9, 11, 1);
+    std::mt19937 rng{7};
+    std::uniform_real_distribution<float> u(-3.0f, 40.0f);
+    for (int i = 0; i < template_.n3d; i++) {
+        float t = u(rng);
+        template_.SpaceTime.fData[i] = t < 0.0f ? 0.0f : t;
+        individual.SpaceTime.fData[i] = 0.5f * t + u(rng);
+    }
+    iTime_Template = 0;
+    graph = {};
+    setenv("ALIGN_THREADS", "1", 1);
+    float one = cost_function(0);
+    for (const char *n : {"2", "3", "7"}) {
+        setenv("ALIGN_THREADS", n, 1);
+        float several = cost_function(0);
+        EXPECT_EQ(memcmp(&one, &several, sizeof one), 0) << n << " threads: " << several << " vs " << one;
+    }
+    unsetenv("ALIGN_THREADS");
+    EXPECT_GT(one, 0.1f);
 }
