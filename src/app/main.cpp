@@ -84,15 +84,6 @@ int main(int argc, char **argv)
         }
     }
 
-    /* 6 and 7: both subjects need files */
-    if (individual_files.file_name[0] == '\0') {
-        printf("Error: no files for the individual subject.\n");
-        exit(1);
-    }
-    if (template_files.file_name[0] == '\0') {
-        printf("Error: no files for the template subject.\n");
-        exit(1);
-    }
-
+    /* 6 onwards: the volumes (the individual first), preparation, display, batch or loop */
     return run_startup_steps(opts.number_panels, opts.batch_mode, opts.ovl_name, opts.wire_name);
 }

@@ -220,12 +220,13 @@ void auto_adjust_affine_iterations(int icost, int ilevel_max, int ilevel_min)
                    to 21 passes and applies the last one too.
                    Pinned by AffineLevels.CycleStopsAfterTwentyOnePasses. */
                 for (;;) {
-                    if (!adjust_affine_1pass(icost, level) || npass >= 20) break;
+                    int completed_before = npass;
+                    int changed = adjust_affine_1pass(icost, level);
                     cost = current_cost(icost);
                     int improved = cost / cost_prev > 1.005f;
                     cost_prev = cost;
                     npass++;
-                    if (!improved) break;
+                    if (!changed || completed_before >= 20 || !improved) break;
                 }
                 /* Deliberate: nothing changes since the last evaluation, so this test
                    normally ends the cycle; kept as it is. */

@@ -14,8 +14,10 @@
 /* Writes the three maps under the name's root; the extension picks the kind. Cuts file_name at its
    last '.' (the caller restores it). Returns 0, or 1 after a message.
    Deliberate: "bshort", "ushort" and "img" names still get float data in a .bfloat file, and a
-   write counts as failed only when all three maps fell short (the flags are AND-ed). Pinned by
-   WriteDistortionFiles.BshortNameWritesHeaderAndFloatData. */
+   write counts as failed only when all three maps fell short (the flags are AND-ed, as in
+   reading). Pinned by WriteDistortionFiles.BshortNameWritesHeaderAndFloatData and, for the
+   AND, by ReadDistortionFile.OnlyAnAllShortReadFails. When the NIfTI header could not be
+   written no stream comes back and 1 is returned. */
 int write_distortion_files(char *file_name)
 {
     int format = quill_format(file_name);
@@ -39,7 +41,7 @@ int write_distortion_files(char *file_name)
 /* Writes the header for ntime volumes of kind format under file_name_root and hands back the data
    stream positioned at the data. Returns 0, or 1 after a message.
    Deliberate: a NIfTI header failure returns 0 (its own messages report it, the stream stays
-   NULL). */
+   NULL). Pinned by WriteDistortionFiles.UnwritableNiftiPrintsOnlyItsOwnMessage. */
 int open_output_file(int ntime, int format, char *file_name_root, FILE **file)
 {
     char name[1024];

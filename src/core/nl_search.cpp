@@ -53,7 +53,8 @@ void action_auto_adjust_nonlinear(int button)
     if (button == 1 && first_use) {
         IPOINT3D G1 = grid_from_x((int)rint(template_.fov.x / (2 * template_.resolution.x)));
         IPOINT3D G2 = grid_from_x((int)(G1.x / 2.0));
-        /* Deliberate: the coarsest grid is not limited to half the voxel counts. */
+        /* Deliberate: the coarsest grid is not limited to half the voxel counts (not observable
+           after the run, so no unit test pins it). */
         IPOINT3D G3 = grid_from_x(G2.x / 2);
         limit(&G1.y, dim.y / 2);
         limit(&G2.y, dim.y / 2);
@@ -218,7 +219,8 @@ static int folds(int b0)
    its present value. Returns 1 when it was moved to a better value, 0 when it was left or put
    back. Rejections (fold, no gain after the fit) halve the coefficient's step.
    Deliberate: when a probe ties with the middle, the coefficient stays at value + h (the last
-   value set) and 0 is returned. Pinned by LineScan1dNonlinear.TiedProbesLeaveValuePlusStep. */
+   value set) and 0 is returned. Pinned by
+   LineScan1dNonlinear.TiedProbesLeaveValuePlusStepAndDropTheCoefficient. */
 int line_scan_1d_nonlinear(float cost_initial, int icost)
 {
     int c = AlignNL.iCoeff;

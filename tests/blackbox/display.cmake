@@ -9,18 +9,22 @@ add_test(NAME display_no_display COMMAND /usr/bin/python3 ${DISPLAY_SESSION} ${A
 set_tests_properties(display_no_display PROPERTIES TIMEOUT 120 SKIP_RETURN_CODE 77)
 
 if(XVFB_RUN AND XDOTOOL)
+  # Each session looks for a free server number from its own start, away from the default 99
+  # that other test scripts on the machine use.
+  set(server 140)
   foreach(scenario layout_zoom three_planes crosshair contrast select_slices quit_answers quit_yes)
+    math(EXPR server "${server} + 3")
     add_test(NAME display_${scenario}
-             COMMAND ${XVFB_RUN} -a -s "-screen 0 1280x1024x24"
+             COMMAND ${XVFB_RUN} -a -n ${server} -s "-screen 0 1280x1024x24"
                      /usr/bin/python3 ${DISPLAY_SESSION} ${ALIGN_BIN} ${scenario})
     set_tests_properties(display_${scenario} PROPERTIES TIMEOUT 180 RESOURCE_LOCK xvfb SKIP_RETURN_CODE 77)
   endforeach()
   add_test(NAME display_key_events
-           COMMAND ${XVFB_RUN} -a -s "-screen 0 1280x1024x24"
+           COMMAND ${XVFB_RUN} -a -n 170 -s "-screen 0 1280x1024x24"
                    $<TARGET_FILE:align_display_tests> --gtest_filter=GetKeyPress.*)
   set_tests_properties(display_key_events PROPERTIES TIMEOUT 120 RESOURCE_LOCK xvfb
                        FAIL_REGULAR_EXPRESSION "SKIPPED|FAILED")
   add_test(NAME display_too_big
-           COMMAND ${XVFB_RUN} -a -s "-screen 0 200x150x24" /usr/bin/python3 ${DISPLAY_SESSION} ${ALIGN_BIN} too_big)
+           COMMAND ${XVFB_RUN} -a -n 175 -s "-screen 0 200x150x24" /usr/bin/python3 ${DISPLAY_SESSION} ${ALIGN_BIN} too_big)
   set_tests_properties(display_too_big PROPERTIES TIMEOUT 120 RESOURCE_LOCK xvfb SKIP_RETURN_CODE 77)
 endif()

@@ -4,6 +4,8 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <string>
 #include <unistd.h>
 #include <vector>
 
@@ -26,11 +28,16 @@ float (*g_similarity)(const float *value) = nullptr;
 int g_resamples = 0, g_costs = 0;
 int g_info_calls = 0;
 std::vector<int> g_info_at_level_line;
+std::string g_levels;  // the level digits shown on the information line, in order
 
 void counting_resample(int, int) { g_resamples++; }
 float analytic_cost(int) { g_costs++; return g_similarity(Alignment.value); }
 void count_info(void) { g_info_calls++; }
-void record_level_line(const char *, const char *, const char *) { g_info_at_level_line.push_back(g_info_calls); }
+void record_level_line(const char *text, const char *, const char *)
+{
+    g_info_at_level_line.push_back(g_info_calls);
+    if (strncmp(text, "level ", 6) == 0) g_levels += text + 6;
+}
 
 // Records as initialize_alignment leaves them, for a template of 1 mm voxels and 256 mm fields
 // of view (base step 1 mm: level 1 translations 1, level 3 translations 4).
@@ -39,6 +46,7 @@ void use_analytic_similarity(float (*f)(const float *))
     g_similarity = f;
     g_resamples = g_costs = g_info_calls = 0;
     g_info_at_level_line.clear();
+    g_levels.clear();
     AffineTrial.resample = counting_resample;
     AffineTrial.cost = analytic_cost;
     DisplayHooks = {};
@@ -305,4 +313,74 @@ TEST(AffineSearch, RecoversTheShiftOfAPhantom)
     EXPECT_NEAR(Alignment.value[0], -5.0f, 0.5f);
     EXPECT_NEAR(Alignment.value[1], 0.0f, 0.5f);
     EXPECT_NEAR(Alignment.value[2], 0.0f, 0.5f);
+}
+
+namespace {
+float peak_at_origin(const float *v)
+{
+    float s = 100.0f;
+    for (int j = 0; j < 12; j++) {
+        float d = v[j] - ((j >= 6 && j <= 8) ? 1.0f : 0.0f);
+        s -= d * d;
+    }
+    return s;
+}
+
+// Start-up records for a small phantom pair, then the analytic similarity in place of the
+// resampling (the final accurate resampling of the action still runs on the phantom).
+void start_up_phantom(void)
+{
+    make_stack(&original_unfiltered, 32, 32, 32, 1, 2.0f, 2.0f, 2.0f);
+    make_stack(&template_unfiltered, 32, 32, 32, 1, 2.0f, 2.0f, 2.0f);
+    fill_phantom(&original_unfiltered, 0.0f);
+    fill_phantom(&template_unfiltered, 0.0f);
+    DisplayHooks = {};
+    initialize_mosaic_ovl(0);
+    initialize_alignment();
+    Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_unfiltered);
+    Alignment.xyz_to_ijk = centered_xyz_to_ijk(original_unfiltered);
+    filter_image_data();
+    transform_coordinates(1, 0);
+    g_similarity = peak_at_origin;
+    g_levels.clear();
+    AffineTrial.resample = counting_resample;
+    AffineTrial.cost = analytic_cost;
+    DisplayHooks.show_on_info_line = record_level_line;
+}
+}  // namespace
+
+TEST(AutoAdjustAction, FirstCallIsStagedLaterCallsRefine)
+{
+    start_up_phantom();
+    AlignAid.Adjust[10] = 0;
+    action_auto_adjust_affine(2);
+    // stage A level 3; stage B levels 3 to 1; stage C level 2; then level 1 with all
+    EXPECT_EQ(g_levels, "332121");
+    EXPECT_EQ(AlignAid.Adjust[10], 0);  // the user's flags are back
+    EXPECT_EQ(AlignAid.Adjust[11], 1);
+    EXPECT_EQ(AlignAid.DisplaySet, 1);
+    g_levels.clear();
+    action_auto_adjust_affine(2);
+    EXPECT_EQ(g_levels, "1");
+}
+
+TEST(AutoAdjustAction, StagesWithoutAllowedParametersAreSkipped)
+{
+    start_up_phantom();
+    for (int j = 0; j < 12; j++) AlignAid.Adjust[j] = j >= 6 && j <= 8;  // inflations only
+    action_auto_adjust_affine(2);
+    EXPECT_EQ(g_levels, "21");
+}
+
+TEST(AutoAdjustAction, RefusedWhenNoParameterIsAllowed)
+{
+    start_up_phantom();
+    for (int j = 0; j < 12; j++) AlignAid.Adjust[j] = 0;
+    g_costs = 0;
+    testing::internal::CaptureStdout();
+    action_auto_adjust_affine(1);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out, "No parameter is allowed to change: automatic alignment not started.\n");
+    EXPECT_EQ(g_costs, 0);
+    EXPECT_EQ(g_levels, "");
 }

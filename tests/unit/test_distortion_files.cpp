@@ -116,23 +116,6 @@ TEST(WriteDistortionFiles, NiftiHeaderFieldsAndData)
     EXPECT_EQ(data, want);
 }
 
-TEST(WriteDistortionFiles, MirroredXGivesNegativeQfacOrRotation)
-{
-    ScopedTempDir dir;
-    set_up_maps(-1.0f);
-    char name[1024] = "d.nii";
-    ASSERT_EQ(write_distortion_files(name), 0);
-    std::vector<char> bytes = read_bytes("d.nii");
-    nifti_1_header h;
-    memcpy(&h, bytes.data(), 348);
-    EXPECT_EQ(h.srow_x[0], -2.0f);
-    mat44 q = nifti_quatern_to_mat44(h.quatern_b, h.quatern_c, h.quatern_d, h.qoffset_x, h.qoffset_y,
-                                     h.qoffset_z, h.pixdim[1], h.pixdim[2], h.pixdim[3], h.pixdim[0]);
-    EXPECT_NEAR(q.m[0][0], -2.0f, 1e-5);
-    EXPECT_NEAR(q.m[1][1], 3.0f, 1e-5);
-    EXPECT_NEAR(q.m[2][2], 4.0f, 1e-5);
-}
-
 TEST(WriteDistortionFiles, NiftiReadBackByOurReader)
 {
     ScopedTempDir dir;
@@ -222,6 +205,22 @@ TEST(WriteDistortionFiles, NameWithoutExtensionIsRefused)
     EXPECT_EQ(file_size("distortions.hdr"), -1);
     EXPECT_EQ(file_size("distortions.bfloat"), -1);
     EXPECT_EQ(file_size("distortions.nii"), -1);
+}
+
+TEST(WriteDistortionFiles, UnwritableNiftiPrintsOnlyItsOwnMessage)
+{
+    ScopedTempDir dir;
+    set_up_maps();
+    char root[1024] = "missing/distortions";
+    FILE *fp = (FILE *)1;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(open_output_file(3, 6, root, &fp), 0);
+    EXPECT_EQ(fp, nullptr);
+    char name[1024] = "missing/distortions.nii";
+    EXPECT_EQ(write_distortion_files(name), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Error: cannot open the header file missing/distortions.nii.\n"
+              "Error: cannot open the header file missing/distortions.nii.\n");
 }
 
 TEST(ReadDistortionFile, OtherByteOrderSwapsAndSetsAdjusted)

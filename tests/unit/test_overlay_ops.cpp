@@ -1,212 +1,281 @@
-// Overlay map and root overlay kept in step; move, mirror, clear and list stepping.
+// The overlay map and the root overlay, and the clear/move/mirror/step operations.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
-#include "display_hooks.h"
-#include "filters.h"
 #include "globals.h"
-#include "align_model.h"
+#include "numerics.h"
 #include "overlay_ops.h"
-#include "panel_model.h"
-#include "prepare.h"
-#include "resample.h"
 #include "test_support.h"
 
 namespace {
 
-const int NX = 5, NY = 3, NZ = 2;
+const int NX = 5, NY = 4, NZ = 3;
 
-int at(int x, int y, int z) { return x + NX * (y + NY * z); }
-
-class Overlays : public ::testing::Test {
-protected:
+struct OverlayOps : ::testing::Test {
     void SetUp() override
     {
-        DisplayHooks = {};
         set_displayed_stack_for_test(NX, NY, NZ, 1);
         initialize_overlay_records();
-        mosaic.cursor_selection = 0;
+        mosaic.toggle_overlays = 1;
     }
-    // A list node of n voxels, each of weight w, colour c.
-    ovl_list *make_node(const char *name, const IPOINT3D *v, int n, float w, short c)
+    void TearDown() override
     {
-        ovl_list *o = (ovl_list *)calloc(1, sizeof(ovl_list));
+        ovl_list *o = ovl_root.next;
+        while (o != NULL) {
+            ovl_list *n = o->next;
+            free_ipoint3d_vector(o->voxel);
+            free_float_vector(o->weight);
+            delete o;
+            o = n;
+        }
+        ovl_root.next = NULL;
+        wire_list *w = wire_root.next;
+        while (w != NULL) {
+            wire_list *n = w->next;
+            free(w->control);
+            delete w;
+            w = n;
+        }
+        wire_root.next = NULL;
+        free(wire_root.control);
+        wire_root.control = NULL;
+        wire_root.npts = 0;
+        mosaic.toggle_overlays = 0;
+    }
+    static int at(int x, int y, int z) { return (z * NY + y) * NX + x; }
+    static int count_map(void)
+    {
+        int n = 0;
+        for (int i = 0; i < NX * NY * NZ; i++)
+            if (overlay_map.weight[i] != 0.0f) n++;
+        return n;
+    }
+    /* Appends a list overlay holding the given voxels, all of one weight. */
+    static ovl_list *add_overlay(const char *name, short color, const IPOINT3D *v, int n, float w)
+    {
+        ovl_list *o = new ovl_list();
         snprintf(o->name, sizeof o->name, "%s", name);
-        o->npts = n;
-        o->color = c;
-        o->voxel = (IPOINT3D *)calloc((size_t)n, sizeof(IPOINT3D));
-        o->weight = (float *)calloc((size_t)n, sizeof(float));
+        o->color = color;
+        o->voxel = ipoint3d_vector(NX * NY * NZ);
+        o->weight = float_vector(NX * NY * NZ);
         for (int k = 0; k < n; k++) {
             o->voxel[k] = v[k];
             o->weight[k] = w;
         }
+        o->npts = n;
+        ovl_list *tail = &ovl_root;
+        while (tail->next != NULL) tail = tail->next;
+        tail->next = o;
         return o;
+    }
+    static wire_list *add_wire(const char *name, int n, float base)
+    {
+        wire_list *w = new wire_list();
+        snprintf(w->name, sizeof w->name, "%s", name);
+        w->control = (CONTROL_POINT *)malloc(sizeof(CONTROL_POINT) * (size_t)n);
+        for (int k = 0; k < n; k++) {
+            w->control[k].point.x = base + (float)k;
+            w->control[k].point.y = w->control[k].point.z = 0.0f;
+            w->control[k].color = 2;
+        }
+        w->npts = n;
+        wire_list *tail = &wire_root;
+        while (tail->next != NULL) tail = tail->next;
+        tail->next = w;
+        return w;
     }
 };
 
-using MoveOverlay = Overlays;
-using StepWireList = Overlays;
-
-TEST_F(Overlays, StartValues)
+TEST_F(OverlayOps, StartValues)
 {
     EXPECT_STREQ(ovl_root.name, "none");
     EXPECT_EQ(ovl_root.color, 7);
-    EXPECT_EQ(ovl_root.npts, 0);
     EXPECT_EQ(ovl_root.active, 1);
+    EXPECT_EQ(ovl_root.npts, 0);
     EXPECT_EQ(overlay_map.number, 1);
     EXPECT_STREQ(wire_root.name, "none");
-    EXPECT_EQ(mosaic.toggle_overlays, 0);
+    EXPECT_EQ(wire_root.active, 1);
+    EXPECT_EQ(wire_root.control, nullptr);
+    EXPECT_EQ(count_map(), 0);
 }
 
-TEST_F(Overlays, RootIsBuiltZOutermostAndNaNBelongs)
+TEST_F(OverlayOps, RootAndMapRebuildEachOtherInVoxelOrderWithNaNBelonging)
 {
-    overlay_map.weight[at(4, 0, 1)] = 0.5f;
-    overlay_map.weight[at(1, 2, 0)] = NAN;
-    overlay_map.weight[at(0, 1, 0)] = 1.0f;
+    overlay_map.weight[at(4, 0, 2)] = 0.5f;
+    overlay_map.weight[at(1, 3, 0)] = NAN;
+    overlay_map.weight[at(2, 2, 1)] = 1.0f;
     update_root_overlay(1);
     ASSERT_EQ(ovl_root.npts, 3);
-    EXPECT_EQ(ovl_root.voxel[0].x, 0);
-    EXPECT_EQ(ovl_root.voxel[0].y, 1);
-    EXPECT_EQ(ovl_root.voxel[1].x, 1);
-    EXPECT_TRUE(std::isnan(ovl_root.weight[1]));
-    EXPECT_EQ(ovl_root.voxel[2].z, 1);
     EXPECT_STREQ(ovl_root.name, "ovl1");
-    // And back: the map from the root keeps the NaN voxel and paints the root colour.
+    // z outermost: (1,3,0), (2,2,1), (4,0,2)
+    EXPECT_EQ(ovl_root.voxel[0].x, 1);
+    EXPECT_TRUE(std::isnan(ovl_root.weight[0]));
+    EXPECT_EQ(ovl_root.voxel[1].z, 1);
+    EXPECT_EQ(ovl_root.voxel[2].x, 4);
+    EXPECT_EQ(ovl_root.weight[2], 0.5f);
+
+    std::memset(overlay_map.weight, 0, sizeof(float) * NX * NY * NZ);
     update_overlay_map();
-    EXPECT_TRUE(std::isnan(overlay_map.weight[at(1, 2, 0)]));
-    EXPECT_EQ(overlay_map.color[at(4, 0, 1)], 7);
+    EXPECT_TRUE(std::isnan(overlay_map.weight[at(1, 3, 0)]));
+    EXPECT_EQ(overlay_map.color[at(1, 3, 0)], 7);
+    EXPECT_EQ(overlay_map.weight[at(4, 0, 2)], 0.5f);
+    EXPECT_EQ(count_map(), 3);
 }
+
+TEST_F(OverlayOps, ClearRenamesNoneAndEmptiesTheMap)
+{
+    overlay_map.weight[at(0, 0, 0)] = 1.0f;
+    overlay_map.color[at(0, 0, 0)] = 7;
+    update_root_overlay(1);
+    action_clear_overlay();
+    EXPECT_STREQ(ovl_root.name, "none");
+    EXPECT_EQ(ovl_root.npts, 0);
+    EXPECT_EQ(count_map(), 0);
+    EXPECT_EQ(overlay_map.color[at(0, 0, 0)], 0);
+
+    add_wire("w", 3, 0.0f);
+    wire_root.control = (CONTROL_POINT *)malloc(sizeof(CONTROL_POINT));
+    wire_root.npts = 1;
+    action_clear_wires();
+    EXPECT_EQ(wire_root.npts, 0);
+    EXPECT_EQ(wire_root.control, nullptr);
+    EXPECT_STREQ(wire_root.name, "none");
+}
+
+using MoveOverlay = OverlayOps;
 
 TEST_F(MoveOverlay, LeavingAtXZeroReentersAtTheLastColumn)
 {
-    overlay_map.weight[at(0, 1, 1)] = 0.25f;
-    overlay_map.weight[at(2, 1, 1)] = NAN;
-    update_root_overlay(1);
+    overlay_map.weight[at(0, 1, 2)] = 0.25f;
+    overlay_map.color[at(0, 1, 2)] = 3;
+    overlay_map.weight[at(2, 3, 0)] = NAN;
+    update_root_overlay(0);
     move_overlay_in_one_direction(0, -1);
-    EXPECT_FLOAT_EQ(overlay_map.weight[at(NX - 1, 1, 1)], 0.25f);
-    EXPECT_TRUE(std::isnan(overlay_map.weight[at(1, 1, 1)]));
-    EXPECT_EQ(overlay_map.weight[at(0, 1, 1)], 0.0f);
+    EXPECT_EQ(overlay_map.weight[at(NX - 1, 1, 2)], 0.25f);
+    EXPECT_EQ(overlay_map.color[at(NX - 1, 1, 2)], 3);
+    EXPECT_TRUE(std::isnan(overlay_map.weight[at(1, 3, 0)]));
+    EXPECT_EQ(count_map(), 2);
     EXPECT_EQ(ovl_root.npts, 2);
-    move_overlay_in_one_direction(0, 1);
-    EXPECT_FLOAT_EQ(overlay_map.weight[at(0, 1, 1)], 0.25f);
+
+    // Along z the last slice wraps to the first.
     move_overlay_in_one_direction(2, 1);
-    EXPECT_FLOAT_EQ(overlay_map.weight[at(0, 1, 0)], 0.25f);
-    EXPECT_TRUE(std::isnan(overlay_map.weight[at(2, 1, 0)]));
+    EXPECT_EQ(overlay_map.weight[at(NX - 1, 1, 0)], 0.25f);
+    EXPECT_TRUE(std::isnan(overlay_map.weight[at(1, 3, 1)]));
+    move_overlay_in_one_direction(1, 1);
+    EXPECT_EQ(overlay_map.weight[at(NX - 1, 2, 0)], 0.25f);
+    EXPECT_TRUE(std::isnan(overlay_map.weight[at(1, 0, 1)]));
+    EXPECT_EQ(count_map(), 2);
 }
 
-TEST_F(Overlays, MirrorTwiceRestoresAndCarriesNaN)
+TEST_F(OverlayOps, MirrorMovesOneSidedRegionAndTwiceRestores)
 {
-    overlay_map.weight[at(0, 0, 0)] = 0.5f;
-    overlay_map.weight[at(1, 2, 1)] = NAN;
+    overlay_map.weight[at(0, 1, 1)] = 0.5f;
+    overlay_map.weight[at(1, 2, 0)] = NAN;
+    overlay_map.weight[at(2, 0, 2)] = 1.0f; // the middle column maps onto itself
     update_root_overlay(1);
     action_mirror_overlay();
-    EXPECT_FLOAT_EQ(overlay_map.weight[at(4, 0, 0)], 0.5f);
-    EXPECT_TRUE(std::isnan(overlay_map.weight[at(3, 2, 1)]));
-    EXPECT_EQ(overlay_map.weight[at(0, 0, 0)], 0.0f);
+    EXPECT_EQ(overlay_map.weight[at(0, 1, 1)], 0.0f);
+    EXPECT_EQ(overlay_map.weight[at(4, 1, 1)], 0.5f);
+    EXPECT_EQ(overlay_map.color[at(4, 1, 1)], 7);
+    EXPECT_TRUE(std::isnan(overlay_map.weight[at(3, 2, 0)]));
+    EXPECT_EQ(overlay_map.weight[at(2, 0, 2)], 1.0f);
+    EXPECT_EQ(count_map(), 3);
     update_root_overlay(1);
     action_mirror_overlay();
-    EXPECT_FLOAT_EQ(overlay_map.weight[at(0, 0, 0)], 0.5f);
-    EXPECT_TRUE(std::isnan(overlay_map.weight[at(1, 2, 1)]));
-    EXPECT_EQ(overlay_map.weight[at(4, 0, 0)], 0.0f);
+    EXPECT_EQ(overlay_map.weight[at(0, 1, 1)], 0.5f);
+    EXPECT_TRUE(std::isnan(overlay_map.weight[at(1, 2, 0)]));
+    EXPECT_EQ(count_map(), 3);
 }
 
-TEST_F(Overlays, OneListEntryIsAlwaysSelectedAndAddSaturates)
+TEST_F(OverlayOps, SteppingWithOneOverlaySelectsItAndAddSaturates)
 {
-    IPOINT3D v[2] = {{1, 1, 0}, {2, 1, 1}};
-    ovl_list *only = make_node("brain", v, 2, 0.4f, 3);
-    ovl_root.next = only;
-    mosaic.toggle_overlays = 1;
+    IPOINT3D v[2] = {{1, 1, 1}, {3, 2, 0}};
+    ovl_list *only = add_overlay("brain", 4, v, 2, 0.375f);
     action_step_overlay_list(1, 0);
     EXPECT_EQ(only->active, 1);
     EXPECT_STREQ(ovl_root.name, "brain");
-    EXPECT_FLOAT_EQ(overlay_map.weight[at(1, 1, 0)], 0.4f);
-    EXPECT_EQ(overlay_map.color[at(1, 1, 0)], 3);
-    action_step_overlay_list(0, 1);
-    EXPECT_EQ(only->active, 1);
-    EXPECT_FLOAT_EQ(overlay_map.weight[at(2, 1, 1)], 0.8f);
-    EXPECT_STREQ(ovl_root.name, "ovl1");
-    action_step_overlay_list(1, 1);
-    EXPECT_FLOAT_EQ(overlay_map.weight[at(2, 1, 1)], 1.0f);
     EXPECT_EQ(ovl_root.npts, 2);
-    ovl_root.next = NULL;
+    EXPECT_EQ(overlay_map.weight[at(3, 2, 0)], 0.375f);
+    EXPECT_EQ(overlay_map.color[at(3, 2, 0)], 4);
+    action_step_overlay_list(0, 0);
+    EXPECT_EQ(only->active, 1);
+    EXPECT_STREQ(ovl_root.name, "brain");
+
+    action_step_overlay_list(1, 1);
+    EXPECT_EQ(overlay_map.weight[at(1, 1, 1)], 0.75f);
+    EXPECT_STREQ(ovl_root.name, "ovl1");
+    action_step_overlay_list(0, 1);
+    EXPECT_EQ(overlay_map.weight[at(1, 1, 1)], 1.0f);
+    action_step_overlay_list(1, 1);
+    EXPECT_EQ(overlay_map.weight[at(1, 1, 1)], 1.0f);
+    EXPECT_EQ(ovl_root.npts, 2);
+    EXPECT_EQ(ovl_root.active, 1); // the root's own flag is never touched
 }
 
-TEST_F(Overlays, SteppingWalksTheListBothWays)
+TEST_F(OverlayOps, SteppingWalksTheListBothWaysAndAddKeepsColourOfTheHeavier)
 {
-    IPOINT3D v[1] = {{0, 0, 0}};
-    ovl_list *a = make_node("a", v, 1, 1.0f, 1), *b = make_node("b", v, 1, 1.0f, 2),
-             *c = make_node("c", v, 1, 1.0f, 3);
-    ovl_root.next = a;
-    a->next = b;
-    b->next = c;
-    mosaic.toggle_overlays = 1;
-    // Nothing active: backward from the root goes to the last entry.
-    action_step_overlay_list(0, 0);
+    IPOINT3D a[1] = {{0, 0, 0}}, b[1] = {{1, 0, 0}}, c[1] = {{0, 0, 0}};
+    ovl_list *A = add_overlay("a", 2, a, 1, 0.25f);
+    ovl_list *B = add_overlay("b", 3, b, 1, 1.0f);
+    ovl_list *C = add_overlay("c", 5, c, 1, 0.5f);
+    action_step_overlay_list(0, 0); // none active: backward from the root goes to the last
     EXPECT_STREQ(ovl_root.name, "c");
-    action_step_overlay_list(1, 0);
+    EXPECT_EQ(C->active, 1);
+    action_step_overlay_list(1, 0); // wraps to the first
     EXPECT_STREQ(ovl_root.name, "a");
-    action_step_overlay_list(1, 0);
+    EXPECT_EQ(C->active, 0);
+    action_step_overlay_list(0, 0); // first -> last
+    EXPECT_STREQ(ovl_root.name, "c");
+    action_step_overlay_list(0, 0);
     EXPECT_STREQ(ovl_root.name, "b");
-    EXPECT_EQ(a->active + b->active + c->active, 1);
-    EXPECT_EQ(ovl_root.active, 1);
-    ovl_root.next = NULL;
+    EXPECT_EQ(B->active, 1);
+    EXPECT_EQ(A->active + C->active, 0);
+    EXPECT_EQ(overlay_map.weight[at(0, 0, 0)], 0.0f); // replaced, not added
+
+    action_step_overlay_list(1, 1); // add c: weight 0.5 over 0 takes its colour
+    EXPECT_EQ(overlay_map.color[at(0, 0, 0)], 5);
+    action_step_overlay_list(1, 1); // add a: 0.25 is not above 0.5, colour stays
+    EXPECT_EQ(overlay_map.weight[at(0, 0, 0)], 0.75f);
+    EXPECT_EQ(overlay_map.color[at(0, 0, 0)], 5);
+    EXPECT_EQ(overlay_map.weight[at(1, 0, 0)], 1.0f);
+
+    mosaic.toggle_overlays = 0;
+    action_step_overlay_list(1, 0);
+    EXPECT_EQ(A->active, 1);
+    EXPECT_EQ(overlay_map.weight[at(0, 0, 0)], 0.75f);
 }
+
+using StepWireList = OverlayOps;
 
 TEST_F(StepWireList, RootActiveFlagIsCleared)
 {
-    wire_list *w = (wire_list *)calloc(1, sizeof(wire_list));
-    snprintf(w->name, sizeof w->name, "outline");
-    w->npts = 2;
-    w->control = (CONTROL_POINT *)calloc(2, sizeof(CONTROL_POINT));
-    w->control[1].point.x = 7.0f;
-    wire_root.next = w;
     mosaic.toggle_overlays = 2;
+    wire_list *a = add_wire("a", 2, 10.0f);
+    wire_list *b = add_wire("b", 3, 20.0f);
     action_step_overlay_list(1, 0);
     EXPECT_EQ(wire_root.active, 0);
-    EXPECT_EQ(w->active, 1);
-    EXPECT_STREQ(wire_root.name, "outline");
+    EXPECT_EQ(a->active, 1);
+    EXPECT_STREQ(wire_root.name, "a");
     ASSERT_EQ(wire_root.npts, 2);
-    EXPECT_FLOAT_EQ(wire_root.control[1].point.x, 7.0f);
+    EXPECT_EQ(wire_root.control[1].point.x, 11.0f);
+
     action_step_overlay_list(1, 1);
-    EXPECT_EQ(wire_root.npts, 4);
-    EXPECT_FLOAT_EQ(wire_root.control[3].point.x, 7.0f);
-    action_clear_wires();
-    EXPECT_EQ(wire_root.npts, 0);
-    EXPECT_STREQ(wire_root.name, "none");
-    wire_root.next = NULL;
+    EXPECT_EQ(a->active, 0);
+    EXPECT_EQ(b->active, 1);
+    EXPECT_STREQ(wire_root.name, "a"); // adding keeps the name
+    ASSERT_EQ(wire_root.npts, 5);
+    EXPECT_EQ(wire_root.control[0].point.x, 10.0f);
+    EXPECT_EQ(wire_root.control[2].point.x, 20.0f);
+    EXPECT_EQ(wire_root.control[4].point.x, 22.0f);
+
+    action_step_overlay_list(1, 0); // last wraps to the first
+    EXPECT_STREQ(wire_root.name, "a");
+    action_step_overlay_list(0, 0); // first goes back to the last
+    EXPECT_STREQ(wire_root.name, "b");
+    EXPECT_EQ(wire_root.npts, 3);
 }
 
-TEST(OverlayFilter, ClearedOverlayLeavesAnEmptyMask)
-{
-    DisplayHooks = {};
-    make_stack(&original_unfiltered, 8, 8, 8, 1, 2.0f, 2.0f, 2.0f);
-    make_stack(&template_unfiltered, 8, 8, 8, 1, 2.0f, 2.0f, 2.0f);
-    for (int i = 0; i < 512; i++) {
-        original_unfiltered.SpaceTime.fData[i] = (float)(i % 3);
-        template_unfiltered.SpaceTime.fData[i] = (float)(i % 4);
-    }
-    initialize_mosaic_ovl(0);
-    initialize_alignment();
-    filter_image_data();
-    transform_coordinates(1, 0);
-    ASSERT_EQ(mosaic.stack->n3d, 512);
-    overlay_map.weight[10] = 1.0f;
-    overlay_map.weight[20] = NAN;
-    update_root_overlay(1);
-    action_filter_overlay();
-    EXPECT_EQ(AlignAid.nmask, 2);
-    EXPECT_EQ(AlignAid.mask[20], 1.0f);
-    // The filter itself clears the overlay: name "none", map all zero.
-    EXPECT_STREQ(ovl_root.name, "none");
-    int nonzero = 0;
-    for (int i = 0; i < 512; i++) nonzero += overlay_map.weight[i] != 0.0f;
-    EXPECT_EQ(nonzero, 0);
-    action_clear_overlay();
-    action_filter_overlay();
-    EXPECT_EQ(AlignAid.nmask, 0);
-}
-
-}  // namespace
+} // namespace

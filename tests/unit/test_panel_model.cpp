@@ -10,6 +10,7 @@
 #include "display_hooks.h"
 #include "filters.h"
 #include "globals.h"
+#include "overlay_ops.h"
 #include "panel_model.h"
 #include "prepare.h"
 #include "resample.h"
@@ -422,6 +423,36 @@ TEST_F(Panel, RolloffWithoutPromptToggles)
     panel_change_value(0);
     EXPECT_EQ(AlignAid.smooth_fov_fraction, 6);
     panel_rolloff_prompt = NULL;
+}
+
+TEST(OverlayFilter, ClearedOverlayLeavesAnEmptyMask)
+{
+    DisplayHooks = {};
+    make_stack(&original_unfiltered, 8, 8, 8, 1, 2.0f, 2.0f, 2.0f);
+    make_stack(&template_unfiltered, 8, 8, 8, 1, 2.0f, 2.0f, 2.0f);
+    for (int i = 0; i < 512; i++) {
+        original_unfiltered.SpaceTime.fData[i] = (float)(i % 3);
+        template_unfiltered.SpaceTime.fData[i] = (float)(i % 4);
+    }
+    initialize_mosaic_ovl(0);
+    initialize_alignment();
+    filter_image_data();
+    transform_coordinates(1, 0);
+    ASSERT_EQ(mosaic.stack->n3d, 512);
+    overlay_map.weight[10] = 1.0f;
+    overlay_map.weight[20] = NAN;
+    update_root_overlay(1);
+    action_filter_overlay();
+    EXPECT_EQ(AlignAid.nmask, 2);
+    EXPECT_EQ(AlignAid.mask[20], 1.0f);
+    // The filter itself clears the overlay: name "none", map all zero.
+    EXPECT_STREQ(ovl_root.name, "none");
+    int nonzero = 0;
+    for (int i = 0; i < 512; i++) nonzero += overlay_map.weight[i] != 0.0f;
+    EXPECT_EQ(nonzero, 0);
+    action_clear_overlay();
+    action_filter_overlay();
+    EXPECT_EQ(AlignAid.nmask, 0);
 }
 
 }  // namespace
