@@ -21,9 +21,10 @@ run "$align" -y -y
 expect "-y -y does not read .align" 1 'Error: no files for the individual subject.\n'
 
 # only the first line counts, and its words are options like any others
+small_nifti a.nii
 printf 'align -W 11 a.nii\nalign -t b.nii\n' > .align
 run "$align" -y
-expect "first line only" 1 'Wrapping in (x,y,z) = (0,1,1)\nError: no files for the template subject.\n'
+expect "first line only" 1 'Wrapping in (x,y,z) = (0,1,1)\n\nThe NIFTI header for file a.nii uses Method 1: the old analyze format\nError: no files for the template subject.\n'
 
 # the first word is skipped whatever it is
 printf 'whatever -W 101 a.nii -T b.nii\n' > .align

@@ -7,6 +7,23 @@ trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
 unset QOR_HOME
 
+# small_nifti <name>: a readable 2x2x2 float NIfTI-1 volume (method 1), so that a run gets past
+# the reading of the individual.
+small_nifti() {
+    python3 -c '
+import struct, sys
+h = bytearray(348)
+struct.pack_into("<i", h, 0, 348)
+struct.pack_into("<8h", h, 40, 3, 2, 2, 2, 1, 1, 1, 1)
+struct.pack_into("<hh", h, 70, 16, 32)
+struct.pack_into("<8f", h, 76, 1, 1, 1, 1, 0, 0, 0, 0)
+struct.pack_into("<f", h, 108, 352.0)
+h[344:348] = b"n+1\0"
+with open(sys.argv[1], "wb") as f:
+    f.write(h + bytes(4) + struct.pack("<8f", *range(1, 9)))
+' "$1"
+}
+
 # run <command...>: standard input from $input (default /dev/null); sets status.
 run() {
     "$@" > out.txt 2> err.txt < "${input:-/dev/null}"
