@@ -5,6 +5,7 @@ and check the window's size and title and the colours of known voxels.
 
 usage: display_session.py <align binary> <scenario>
 Run inside xvfb-run (screen 1280x1024x24), in a scratch directory of its own."""
+import gzip
 import os
 import shutil
 import struct
@@ -367,7 +368,44 @@ def scenario_quit_yes(s):
     check(os.path.exists("align.com"), "align.com written")
 
 
+def zoom_of(s):
+    return int(s.title().split("= ")[1].rstrip(")"))
+
+
+def scenario_real_pair(s):
+    # ch2 (individual) against ch2bet (template), 181 x 217 x 181 at 1 mm: a mosaic of every
+    # slice cannot fit 1280 x 1024, so the window falls back to three planes at zoom 1.
+    expect_size(s, 181 + 3 + 181 + 160, 217 + 3 + 181 + 75, 1)  # the ZY plane sits top right
+    centre = (90, 108)  # XY plane, middle of the brain, in image-area pixels (+30 for the menus)
+    px = s.shot()(centre[0], 30 + centre[1])
+    check(px[0] > 0 and px[0] == px[1] == px[2], "the resampled individual shows grey brain at the centre %s" % (px,))
+    s.move(*centre)
+    s.key("space")
+    tpl = s.shot()(centre[0], 30 + centre[1])
+    check(tpl[0] > 0 and tpl[0] == tpl[1] == tpl[2], "the template shows grey brain at the centre %s" % (tpl,))
+    s.key("space")
+    # four central slices as a 2 x 2 mosaic
+    s.key("numbersign", "4", "Return")
+    z = zoom_of(s)
+    expect_size(s, (2 * 181 + 3) * z + 160, (2 * 217 + 3) * z + 75, z)
+    s.key("z", "z")
+    check(zoom_of(s) == 1, "z zooms out down to 1")
+    s.key("Z")
+    check(zoom_of(s) == 2, "Z zooms in (2 x 2 panels at zoom 2 still fit the screen)")
+    expect_size(s, (2 * 181 + 3) * 2 + 160, (2 * 217 + 3) * 2 + 75, 2)
+    before = s.shot()
+    s.drag(100, 130, 180, 200)
+    after = s.shot()
+    changed = sum(1 for x in range(20, 500, 7) for y in range(40, 600, 11) if before(x, y) != after(x, y))
+    check(changed > 50, "a diagonal drag changes the contrast (%d sampled pixels changed)" % changed)
+    s.key("q", "y")
+    s.proc.wait(timeout=30)
+    check(s.proc.returncode == 0, "quit with y ends with status 0")
+    check(os.path.exists("align.com"), "align.com written")
+
+
 SCENARIOS = {
+    "real_pair": scenario_real_pair,
     "layout_zoom": scenario_layout_zoom,
     "three_planes": scenario_three_planes,
     "crosshair": scenario_crosshair,
@@ -412,6 +450,14 @@ def main():
         check(lines[-2:] == want, "the two lines about the display end the output")
         print("PASS " + scenario)
         return
+    if scenario == "real_pair":
+        for gz, name in (("ch2.nii.gz", "ind.nii"), ("ch2bet.nii.gz", "tpl.nii")):
+            path = "/usr/share/mricron/templates/" + gz
+            if not os.path.exists(path):
+                print("SKIP: mricron-data is not installed")
+                sys.exit(77)
+            with gzip.open(path, "rb") as f, open(name, "wb") as out:
+                out.write(f.read())
     s = Session(align)
     try:
         SCENARIOS[scenario](s)
