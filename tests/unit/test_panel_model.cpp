@@ -284,6 +284,41 @@ TEST_F(Panel, NonLinearRowsByteExact)
     EXPECT_EQ(panel_row_item(15), 8);
 }
 
+TEST_F(Panel, BasisGridSpacingDoublesAndHalvesWithYZFollowing)
+{
+    // Template 16^3 of 2 x 1 x 4 mm: fov 32, 16, 64 mm.
+    ASSERT_EQ(template_.dim.x, 16);
+    ASSERT_FLOAT_EQ(template_.fov.x, 32.0f);
+    ASSERT_FLOAT_EQ(template_.fov.z, 64.0f);
+    AlignAid.DisplaySet = 2;
+    AlignAid.iParameter = 3;
+    AlignNL.BasisGrid = {4, 4, 4};
+    // Spacing 4 halves to 2: grid 8, d = 4 mm, y = rint(16/4) = 4, z = rint(64/4) = 16.
+    panel_change_value(0);
+    EXPECT_EQ(AlignNL.BasisGrid.x, 8);
+    EXPECT_EQ(AlignNL.BasisGrid.y, 4);
+    EXPECT_EQ(AlignNL.BasisGrid.z, 16);
+    // Spacing 2 halves to 1: grid 16; z = rint(64/2) = 32 is held at 16.
+    panel_change_value(0);
+    EXPECT_EQ(AlignNL.BasisGrid.x, 16);
+    EXPECT_EQ(AlignNL.BasisGrid.y, 8);
+    EXPECT_EQ(AlignNL.BasisGrid.z, 16);
+    // Spacing 1 doubles to 2 and then to 4; 16/8 = 2 is held at 4.
+    panel_change_value(1);
+    EXPECT_EQ(AlignNL.BasisGrid.x, 8);
+    panel_change_value(1);
+    panel_change_value(1);
+    EXPECT_EQ(AlignNL.BasisGrid.x, 4);
+    // The y item moves y alone.
+    AlignAid.iParameter = 4;
+    int x = AlignNL.BasisGrid.x, z = AlignNL.BasisGrid.z;
+    AlignNL.BasisGrid.y = 4;
+    panel_change_value(0);
+    EXPECT_EQ(AlignNL.BasisGrid.y, 8);
+    EXPECT_EQ(AlignNL.BasisGrid.x, x);
+    EXPECT_EQ(AlignNL.BasisGrid.z, z);
+}
+
 TEST_F(Panel, RigidityRunsOneFiveTenAndStiffnessClamps)
 {
     AlignAid.DisplaySet = 2;
