@@ -42,7 +42,9 @@ void draw_right_panel(void)
         if (!panel_item_text(item, text)) continue;
         int y = 30 + 15 + (int)((float)(row + 1) * spacing);
         if (y > 30 + h - 2) break;
-        GC gc = item == AlignAid.iParameter ? XGC_yellow_text : XGC_white_text;
+        /* sets 0 and 2 interleave headings with their items: the row's own item is marked */
+        int row_item = AlignAid.DisplaySet == 1 ? item : panel_row_item(row);
+        GC gc = row_item == AlignAid.iParameter ? XGC_yellow_text : XGC_white_text;
         XDrawString(XServerDisplay, XPixmap_image, gc, x0 + 8, y, text, (int)strlen(text));
     }
     XCopyArea(XServerDisplay, XPixmap_image, XWindow_image, XGC_image, x0, 30, (unsigned)w, (unsigned)h, x0, 30);

@@ -2,6 +2,7 @@
    reach the window. Xlib through the drawing files. */
 #include "display_hooks.h"
 #include "globals.h"
+#include "panel_model.h"
 #include "x11_display.h"
 #include "x11_globals.h"
 
@@ -35,8 +36,15 @@ static void show_alignment_help_text_x11(void)
                           "x adjust flag, buttons: next/previous set");
 }
 
+/* The rolloff item of the setup set asks for n on the information line (digits only). */
+static int rolloff_prompt_x11(const char *deflt, char *answer)
+{
+    return get_X11_string(0, "Input n", "(Flatten by FOV/n)", deflt, 2, 1, answer);
+}
+
 void install_x11_display_hooks(void)
 {
+    panel_rolloff_prompt = rolloff_prompt_x11;
     DisplayHooks.refresh_display_image = refresh_display_image_x11;
     DisplayHooks.show_alignment_info = show_alignment_info_x11;
     DisplayHooks.build_image_display = build_image_display_x11;
