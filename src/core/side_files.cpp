@@ -33,7 +33,50 @@ static int parse_list_line(char *line, char *name, char *file, int *color)
     return 0;
 }
 
-int read_overlay_list(char *list_file_name)
+/* What differs between the two kinds of list file: the texts and what one entry loads. */
+struct list_kind {
+    const char *name_error;  /* "%d": entry number from 1 */
+    const char *file_error;
+    void (*load)(const char *name, const char *file, int color);
+};
+
+static void load_overlay_entry(const char *name, const char *file, int color)
+{
+    ovl_list *node = (ovl_list *)calloc(1, sizeof(ovl_list));
+    if (node == NULL) {
+        printf("Error: memory problem creating a new ovl structure in the list.\n");
+        exit(1);
+    }
+    int n3d = mosaic.stack->n3d;
+    snprintf(node->name, sizeof node->name, "%s", name);
+    node->color = (short)color;
+    node->voxel = ipoint3d_vector(n3d);
+    node->weight = float_vector(n3d);
+    memset(node->voxel, 0, sizeof(IPOINT3D) * (size_t)n3d);
+    memset(node->weight, 0, sizeof(float) * (size_t)n3d);
+    ovl_list *tail = &ovl_root;
+    while (tail->next != NULL) tail = tail->next;
+    tail->next = node;
+    read_overlay_file(file, node); /* its result is not checked by the list */
+}
+
+static void load_wire_entry(const char *name, const char *file, int color)
+{
+    wire_list *node = (wire_list *)calloc(1, sizeof(wire_list));
+    if (node == NULL) {
+        printf("Error: memory problem creating a new wire structure in the list.\n");
+        exit(1);
+    }
+    snprintf(node->name, sizeof node->name, "%s", name);
+    wire_list *tail = &wire_root;
+    while (tail->next != NULL) tail = tail->next;
+    tail->next = node;
+    read_wire_file(file, node, color);
+}
+
+/* Reads a list file line by line (comments and blank lines skipped) and loads each entry.
+   The first bad entry stops the reading; entries already loaded stay. */
+static int read_list_file(const char *list_file_name, const list_kind *kind)
 {
     FILE *fp = fopen(list_file_name, "r");
     if (fp == NULL) {
@@ -47,74 +90,31 @@ int read_overlay_list(char *list_file_name)
         int status = parse_list_line(line, name, file, &color);
         if (status < 0) continue;
         entry++;
-        if (status == 1) {
-            printf("Error reading the overlay name for overay %d.\n", entry);
+        if (status != 0) {
+            printf(status == 1 ? kind->name_error : kind->file_error, entry);
             fclose(fp);
             return 1;
         }
-        if (status == 2) {
-            printf("Error reading the file name for overlay %d.\n", entry);
-            fclose(fp);
-            return 1;
-        }
-        ovl_list *node = (ovl_list *)calloc(1, sizeof(ovl_list));
-        if (node == NULL) {
-            printf("Error: memory problem creating a new ovl structure in the list.\n");
-            exit(1);
-        }
-        int n3d = mosaic.stack->n3d;
-        snprintf(node->name, sizeof node->name, "%s", name);
-        node->color = (short)color;
-        node->voxel = ipoint3d_vector(n3d);
-        node->weight = float_vector(n3d);
-        memset(node->voxel, 0, sizeof(IPOINT3D) * (size_t)n3d);
-        memset(node->weight, 0, sizeof(float) * (size_t)n3d);
-        ovl_list *tail = &ovl_root;
-        while (tail->next != NULL) tail = tail->next;
-        tail->next = node;
-        read_overlay_file(file, node); /* its result is not checked by the list */
+        kind->load(name, file, color);
     }
     fclose(fp);
     return 0;
 }
 
+int read_overlay_list(char *list_file_name)
+{
+    static const list_kind overlays = {"Error reading the overlay name for overay %d.\n",
+                                       "Error reading the file name for overlay %d.\n",
+                                       load_overlay_entry};
+    return read_list_file(list_file_name, &overlays);
+}
+
 int read_wire_list(char *list_file_name)
 {
-    FILE *fp = fopen(list_file_name, "r");
-    if (fp == NULL) {
-        printf("Error: cannot open the file %s.\n", list_file_name);
-        return 1;
-    }
-    char line[1024], name[1024], file[1024];
-    int entry = 0;
-    while (get_line_with_comment(fp, line, sizeof line) != NULL) {
-        int color = 1;
-        int status = parse_list_line(line, name, file, &color);
-        if (status < 0) continue;
-        entry++;
-        if (status == 1) {
-            printf("Error reading the wire name for overay %d.\n", entry);
-            fclose(fp);
-            return 1;
-        }
-        if (status == 2) {
-            printf("Error reading the file name for wire %d.\n", entry);
-            fclose(fp);
-            return 1;
-        }
-        wire_list *node = (wire_list *)calloc(1, sizeof(wire_list));
-        if (node == NULL) {
-            printf("Error: memory problem creating a new wire structure in the list.\n");
-            exit(1);
-        }
-        snprintf(node->name, sizeof node->name, "%s", name);
-        wire_list *tail = &wire_root;
-        while (tail->next != NULL) tail = tail->next;
-        tail->next = node;
-        read_wire_file(file, node, color);
-    }
-    fclose(fp);
-    return 0;
+    static const list_kind wires = {"Error reading the wire name for overay %d.\n",
+                                    "Error reading the file name for wire %d.\n",
+                                    load_wire_entry};
+    return read_list_file(list_file_name, &wires);
 }
 
 /* One voxel a line: "x y z weight" or "x y z" (weight 1). The root overlay's voxels go into
