@@ -6,7 +6,8 @@ set_tests_properties(batch_phantom_shift PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE
 
 add_test(NAME batch_brain_affine
          COMMAND sh ${BLACKBOX_DIR}/batch_brain.sh ${ALIGN_BIN} ${MAKE_VOL_BIN})
-set_tests_properties(batch_brain_affine PROPERTIES TIMEOUT 3600 LABELS long SKIP_RETURN_CODE 77)
+# The real-data acceptance of batch mode: about 5 minutes, so it runs in the normal build only.
+set_tests_properties(batch_brain_affine PROPERTIES TIMEOUT 3600 LABELS realdata SKIP_RETURN_CODE 77)
 
 add_test(NAME make_test_volumes_check
          COMMAND sh ${BLACKBOX_DIR}/make_volumes_check.sh ${MAKE_VOL_BIN})
