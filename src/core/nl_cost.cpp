@@ -228,6 +228,17 @@ float bending_penalty(int valid_plus, int valid_minus, float delta_plus, float d
     return p + (1 - s) * (d * d) * (res2 * res2) / (k * k * k);
 }
 
+/* One axis of one map at one voxel: the forward and backward differences (each only when that
+   neighbour lies inside the grid; otherwise the previous value stays, as the z map's slips
+   rely on) and their bending penalty. */
+static inline float regular_axis_term(const float *D, int idx, int stride, int vp, int vm, float d0,
+                                      float res2, float *delta_plus, float *delta_minus, float *d_next)
+{
+    if (vp) { *d_next = D[idx + stride]; *delta_plus = *d_next - d0; }
+    if (vm) *delta_minus = d0 - D[idx - stride];
+    return bending_penalty(vp, vm, *delta_plus, *delta_minus, res2);
+}
+
 /* Deliberate: the z map keeps two slips (backward x difference stored as delta_plus with a stale
    delta_minus; the y backward difference taken from the last "next" value loaded). The deltas and
    the last "next" value live across components and voxels, as the slips require. Pinned by
@@ -264,42 +275,21 @@ float cost_deformation(int InitProbeSet, int normalize)
                 if (AlignNL.Adjust.x) {
                     const float *D = DX;
                     float d0 = D[idx];
-                    vp = xp; vm = xm;
-                    if (vp) { d_next = D[idx + 1]; delta_plus = d_next - d0; }
-                    if (vm) delta_minus = d0 - D[idx - 1];
-                    fAdd += bending_penalty(vp, vm, delta_plus, delta_minus, r2x);
-                    vp = yp; vm = ym;
-                    if (vp) { d_next = D[idx + nx]; delta_plus = d_next - d0; }
-                    if (vm) delta_minus = d0 - D[idx - nx];
-                    fAdd += bending_penalty(vp, vm, delta_plus, delta_minus, r2y);
-                    vp = zp; vm = zm;
-                    if (vp) { d_next = D[idx + n2d]; delta_plus = d_next - d0; }
-                    if (vm) delta_minus = d0 - D[idx - n2d];
-                    fAdd += bending_penalty(vp, vm, delta_plus, delta_minus, r2z);
+                    fAdd += regular_axis_term(D, idx, 1, xp, xm, d0, r2x, &delta_plus, &delta_minus, &d_next);
+                    fAdd += regular_axis_term(D, idx, nx, yp, ym, d0, r2y, &delta_plus, &delta_minus, &d_next);
+                    fAdd += regular_axis_term(D, idx, n2d, zp, zm, d0, r2z, &delta_plus, &delta_minus, &d_next);
                 }
                 if (AlignNL.Adjust.y) {
                     const float *D = DY;
                     float d0 = D[idx];
-                    vp = yp; vm = ym;
-                    if (vp) { d_next = D[idx + nx]; delta_plus = d_next - d0; }
-                    if (vm) delta_minus = d0 - D[idx - nx];
-                    fAdd += bending_penalty(vp, vm, delta_plus, delta_minus, r2y);
-                    vp = xp; vm = xm;
-                    if (vp) { d_next = D[idx + 1]; delta_plus = d_next - d0; }
-                    if (vm) delta_minus = d0 - D[idx - 1];
-                    fAdd += bending_penalty(vp, vm, delta_plus, delta_minus, r2x);
-                    vp = zp; vm = zm;
-                    if (vp) { d_next = D[idx + n2d]; delta_plus = d_next - d0; }
-                    if (vm) delta_minus = d0 - D[idx - n2d];
-                    fAdd += bending_penalty(vp, vm, delta_plus, delta_minus, r2z);
+                    fAdd += regular_axis_term(D, idx, nx, yp, ym, d0, r2y, &delta_plus, &delta_minus, &d_next);
+                    fAdd += regular_axis_term(D, idx, 1, xp, xm, d0, r2x, &delta_plus, &delta_minus, &d_next);
+                    fAdd += regular_axis_term(D, idx, n2d, zp, zm, d0, r2z, &delta_plus, &delta_minus, &d_next);
                 }
                 if (AlignNL.Adjust.z) {
                     const float *D = DZ;
                     float d0 = D[idx];
-                    vp = zp; vm = zm;
-                    if (vp) { d_next = D[idx + n2d]; delta_plus = d_next - d0; }
-                    if (vm) delta_minus = d0 - D[idx - n2d];
-                    fAdd += bending_penalty(vp, vm, delta_plus, delta_minus, r2z);
+                    fAdd += regular_axis_term(D, idx, n2d, zp, zm, d0, r2z, &delta_plus, &delta_minus, &d_next);
                     vp = xp; vm = xm;
                     if (vp) { d_next = D[idx + 1]; delta_plus = d_next - d0; }
                     if (vm) delta_plus = d0 - D[idx - 1];
