@@ -58,12 +58,12 @@ def check(cond, msg):
 
 
 class Session:
-    def __init__(self, align):
+    def __init__(self, align, args=("ind.nii", "-t", "tpl.nii")):
         self.win = None
         # A server that has just started may refuse the first connection: try again then.
         for attempt in range(4):
             self.out = open("stdout.txt", "w")
-            self.proc = subprocess.Popen([align, "ind.nii", "-t", "tpl.nii"], stdout=self.out,
+            self.proc = subprocess.Popen([align] + list(args), stdout=self.out,
                                          stderr=subprocess.STDOUT)
             if self.wait_for_window(attempt == 3):
                 break
