@@ -1,11 +1,12 @@
 /* Window rules without X11: contrast, re-flow, slice windows and the displayed time point.
-   Reads and writes mosaic, contrast_low, contrast_high, iTime_Template. */
+   Reads and writes mosaic, contrast_low, contrast_high, iTime_Template, graph.iTime. */
 #include "interaction.h"
 
 #include <cmath>
 #include <cstring>
 
 #include "globals.h"
+#include "resample.h"
 
 int is_contrast_drag(int x_press, int y_press, int x_release, int y_release)
 {
@@ -137,6 +138,20 @@ int slide_shown_slices(int in)
     return 1;
 }
 
+void set_displayed_time_point(int t)
+{
+    data_stack *s = mosaic.stack;
+    if (s == NULL || t < 0 || t >= s->nt) return;
+    mosaic.iTime = t;
+    if (s == &template_) iTime_Template = t;
+    if (s == &individual && graph.iTime != t) {
+        /* The individual is resampled one time point at a time: the graph's time point. */
+        graph.iTime = t;
+        transform_coordinates(1, 0);
+    }
+    mosaic.fSpaceMatrix = s->SpaceTime.fData + (size_t)t * (size_t)s->npts_volume;
+}
+
 static void step_time_point(int step)
 {
     data_stack *s = mosaic.stack;
@@ -144,9 +159,7 @@ static void step_time_point(int step)
     int t = mosaic.iTime + step;
     if (t < 0) t = s->nt - 1;
     if (t >= s->nt) t = 0;
-    mosaic.iTime = t;
-    if (s == &template_) iTime_Template = t;
-    mosaic.fSpaceMatrix = s->SpaceTime.fData + (size_t)t * (size_t)s->npts_volume;
+    set_displayed_time_point(t);
 }
 
 void action_increment_image(void) { step_time_point(1); }

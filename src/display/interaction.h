@@ -19,6 +19,9 @@ int mosaic_slice_count(void);
 /* Slides the window of shown slices by one (in: towards lower numbers) and moves the crosshair
    with it; 1 when it moved, 0 when all slices are shown or the end is reached. */
 int slide_shown_slices(int in);
+/* Shows time point t (0..nt-1) of the displayed stack; for the individual it becomes the graph's
+   time point, resampled under the current alignment. Other t change nothing. */
+void set_displayed_time_point(int t);
 /* The displayed time point of the stack, one step up or down with wrap. */
 void action_increment_image(void);
 void action_decrement_image(void);

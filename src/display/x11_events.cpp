@@ -11,6 +11,7 @@
 #include "display_hooks.h"
 #include "display_model.h"
 #include "globals.h"
+#include "graph.h"
 #include "interaction.h"
 #include "nl_search.h"
 #include "numerics.h"
@@ -247,7 +248,7 @@ static void action_image_button1(int press, int x, int y)
         return;
     }
     if ((s & 2) && !(s & 8)) {
-        if (graph_shows_profile()) say("graph window: not available yet");
+        if (graph_shows_profile()) action_set_projection_location();
         else move_crosshair_to_cursor();
     }
 }
@@ -278,6 +279,7 @@ static void action_image_wheel(int up)
 static void action_image_motion_notify(void)
 {
     static int previous_cursor = 0, previous_text = 0;
+    if ((mosaic.cursor_selection & 2) && graph.type == 3 && !overlays_exist()) update_graph_data(1, 1);
     show_information_text_image(1);
     int now_c = mosaic.cursor_selection, now_t = mosaic.text_selection;
     int text_changed = now_t != previous_text && now_t != 0 && previous_text != 0;
@@ -369,7 +371,7 @@ static int common_key(int code)
     case 'r': read_overlay_file(".ovl", &ovl_root); update_root_overlay(1); update_image_and_graph(1); return 1;
     case 'R': read_wire_file(".wire", &wire_root, 0); update_image_and_graph(0); return 1;
     case 't': case 'T': if (overlays_exist()) { mosaic.transparent_overlay = !mosaic.transparent_overlay; build_image_display(1); } return 1;
-    case 'v': show_on_info_line("graph window:", not_available, ""); return 1;
+    case 'v': graph.yrange_fixed = 0; build_graph_display(1); return 1;
     case 'w': if (overlays_exist()) write_overlay_file(); return 1;
     case 'W': if (wire_root.npts > 0) write_wire_file(); return 1;
     case 'z':
@@ -425,9 +427,10 @@ int image_event_handler_specific(XEvent *event)
         draw_selectable_text_image();
         show_alignment_info();
         return 1;
-    case 'g': show_on_info_line("graph window:", not_available, ""); return 1;
+    case 'g': action_key_g(); return 1;
     default:
-        /* The graph's own keys would act here; the graph window is not built yet. */
+        /* The graph's own keys work from the image window too. */
+        if (event->xany.window == XWindow_image) return graph_event_handler_general(event);
         return 0;
     }
 }
@@ -505,7 +508,7 @@ void loop_X_events(void)
             image_event_handler_general(&event);
         } else if (which == 2) {
             graph.cursor_selection = 1;
-            if (event.type == KeyPress) image_event_handler_general(&event);
+            graph_event_handler_general(&event);
         }
         XSync(XServerDisplay, False);
     }

@@ -5,24 +5,27 @@
 #include <cstring>
 
 #include "display_hooks.h"
+#include "graph.h"
 #include "interaction.h"
 #include "persist.h"
 #include "x11_display.h"
 #include "x11_events.h"
 
-static void show_prompt(const char *prompt, const char *hint, const char *result)
+/* where: 0 the image window's information line, 1 the graph's, 2 both. */
+static void show_prompt(int where, const char *prompt, const char *hint, const char *result)
 {
     char line[2100];
     snprintf(line, sizeof line, "%s >%s", prompt, result);
-    show_on_info_line(line, hint, "");
+    if (where != 1) show_on_info_line(line, hint, "");
+    if (where != 0) show_on_graph_info_line(line, hint);
 }
 
 int get_X11_string(int where, const char *prompt, const char *hint, const char *deflt, int mode, int multi,
                    char *result)
 {
-    (void)where; /* the graph window is not open in this program yet: the image line serves */
+    if (where == 1 && XWindow_graph == 0) where = 0; /* no graph window: the image line serves */
     snprintf(result, 1024, "%s", deflt);
-    show_prompt(prompt, hint, result);
+    show_prompt(where, prompt, hint, result);
     for (;;) {
         XEvent event;
         get_next_event(&event);
@@ -31,7 +34,7 @@ int get_X11_string(int where, const char *prompt, const char *hint, const char *
         if (!get_key_press(&event.xkey, &key)) continue;
         int state = prompt_edit(result, (unsigned char)key, mode, multi);
         if (state < 0) return 0;
-        show_prompt(prompt, hint, result);
+        show_prompt(where, prompt, hint, result);
         if (state > 0) break;
     }
     if (strcmp(result, " ") == 0) snprintf(result, 1024, "%s", deflt);
