@@ -26,7 +26,7 @@ void build_graph_display_x11(int show_info_line);
 void fill_graph_vector_x11(int use_cursor);
 
 static GC XGC_graph_black, XGC_graph_white, XGC_graph_grey, XGC_graph_dark_red, XGC_graph_red,
-    XGC_graph_yellow, XGC_graph_cyan, XGC_graph_green;
+    XGC_graph_yellow, XGC_graph_cyan, XGC_graph_green, XGC_graph_bar;
 /* A closed graph window is only unmapped; the next one replaces it. */
 static Window closed_graph_window;
 static int pointer_index, pointer_value_known;
@@ -117,6 +117,7 @@ void make_XWindow_graph(void)
         XGC_graph_yellow = graph_gc(255, 255, 0);
         XGC_graph_cyan = graph_gc(0, 255, 255);
         XGC_graph_green = graph_gc(0, 255, 0);
+        XGC_graph_bar = graph_gc(150, 150, 150);
     }
     if (XWindow_graph != 0) {
         XRaiseWindow(XServerDisplay, XWindow_graph);
@@ -219,6 +220,12 @@ static void text_at(GC gc, int x, int y, const char *s)
     XDrawString(XServerDisplay, XPixmap_GraphData, gc, x, y, s, (int)strlen(s));
 }
 
+/* An axis label on a black ground, readable over bars and grid lines. */
+static void label_at(int x, int y, const char *s)
+{
+    XDrawImageString(XServerDisplay, XPixmap_GraphData, XGC_graph_green, x, y, s, (int)strlen(s));
+}
+
 static void copy_graph(int y, int h)
 {
     XCopyArea(XServerDisplay, XPixmap_GraphData, XWindow_graph, XGC_graph_white, 0, y, (unsigned)graph.nwidth,
@@ -292,8 +299,9 @@ void show_on_graph_info_line(const char *line, const char *hint)
 static int x_of(float u) { return graph_x_of_value(u, graph.nwidth, graph.xmin, graph.xmax); }
 static int y_of(float v) { return graph_y_of_value(v, graph.nheight, graph.ymin, graph.ymax); }
 
-/* Grid lines and labels: values up the left side, abscissae along the bottom of the plot. */
-static void draw_axes(void)
+/* Grid lines (labels 0, under the data) or their labels (labels 1, over it): values up the
+   left side, abscissae along the bottom of the plot clear of the value labels. */
+static void draw_axes(int labels)
 {
     float ticks[64], amin, amax, step;
     char label[64];
@@ -303,9 +311,12 @@ static void draw_axes(void)
     for (int k = 0; k < n; k++) {
         if (ticks[k] < graph.ymin || ticks[k] > graph.ymax) continue;
         int y = y_of(ticks[k]);
-        XDrawLine(XServerDisplay, XPixmap_GraphData, XGC_graph_grey, 0, y, graph.nwidth - 1, y);
+        if (!labels) {
+            XDrawLine(XServerDisplay, XPixmap_GraphData, XGC_graph_grey, 0, y, graph.nwidth - 1, y);
+            continue;
+        }
         snprintf(label, sizeof label, "%g", ticks[k]);
-        text_at(XGC_graph_green, 2, y > GRAPH_TOP_BAND + 12 ? y - 2 : y + 11, label);
+        label_at(2, y > GRAPH_TOP_BAND + 12 ? y - 2 : y + 11, label);
     }
     float lo = graph.type == 4 ? graph.xmin : 0.0f;
     float hi = graph.type == 4 ? graph.xmax : (float)(graph.npoints - 1);
@@ -315,13 +326,15 @@ static void draw_axes(void)
     for (int k = 0; k < n; k++) {
         if (ticks[k] < graph.xmin || ticks[k] > graph.xmax) continue;
         int x = x_of(ticks[k]);
-        XDrawLine(XServerDisplay, XPixmap_GraphData, XGC_graph_grey, x, bottom - 3, x, bottom);
+        if (!labels) {
+            XDrawLine(XServerDisplay, XPixmap_GraphData, XGC_graph_grey, x, bottom - 3, x, bottom);
+            continue;
+        }
         snprintf(label, sizeof label, "%g", ticks[k]);
         int w = x11_text_width(label);
         int tx = x - w / 2;
-        if (tx < 0) tx = 0;
         if (tx + w > graph.nwidth) tx = graph.nwidth - w;
-        text_at(XGC_graph_green, tx, bottom - 5, label);
+        if (tx >= 40) label_at(tx, bottom - 5, label);
     }
 }
 
@@ -336,7 +349,7 @@ static void draw_histogram(int current)
         int y = y_of(graph.yVector[b]);
         if (graph.yVector[b] <= 0.0f || x1 - x0 < 1) continue;
         unsigned w = (unsigned)(x1 - x0 > 1 ? x1 - x0 - 1 : 1);
-        XFillRectangle(XServerDisplay, XPixmap_GraphData, b == current ? XGC_graph_red : XGC_graph_white, x0, y, w,
+        XFillRectangle(XServerDisplay, XPixmap_GraphData, b == current ? XGC_graph_red : XGC_graph_bar, x0, y, w,
                        (unsigned)(bottom - y + 1));
     }
 }
@@ -397,15 +410,18 @@ void build_graph_display_x11(int show_info_line)
     if (!graph.yrange_fixed) {
         float lo, hi, step;
         graph_data_range(&lo, &hi);
-        graph_axis_range(lo, hi, 5, &graph.ymin, &graph.ymax, &step);
+        /* A margin of a twentieth of the range keeps the end points off the frame and labels. */
+        float margin = (hi - lo) / 20.0f;
+        graph_axis_range(graph.type == 4 ? lo : lo - margin, hi + margin, 5, &graph.ymin, &graph.ymax, &step);
     }
     XFillRectangle(XServerDisplay, XPixmap_GraphData, XGC_graph_black, 0, 0, (unsigned)graph.nwidth,
                    (unsigned)window_height());
     if (graph.npoints > 0) {
         int current = graph_current_point();
-        draw_axes();
+        draw_axes(0);
         if (graph.type == 4) draw_histogram(current);
         else draw_curve(current);
+        draw_axes(1);
         draw_title();
     }
     copy_graph(0, GRAPH_TOP_BAND + graph.nheight);
