@@ -91,20 +91,6 @@ TEST(ReadFreesurferHeader, ByteOrderComesFromTheFirstSliceHeader)
     EXPECT_EQ(read_stem("subj_").out, "Error: cannot open freesurfer file subj_000.hdr.\n");
 }
 
-TEST(ReadFreesurferHeader, StorageIsShortWhenTheFirstSliceIsBshortElseFloat)
-{
-    ScopedTempDir dir;
-    write_stack(2, 1);
-    EXPECT_EQ(read_stem("subj_").h.storage_type, 2);
-    write_stack(1, 1);  // both kinds present now: bshort wins
-    EXPECT_EQ(read_stem("subj_").h.storage_type, 1);
-    remove("subj_000.bshort");
-    remove("subj_000.bfloat");
-    Read r = read_stem("subj_");
-    EXPECT_EQ(r.result, 1);
-    EXPECT_EQ(r.out, "\nError: cannot open file subj_ as bshort or bfloat.\n");
-}
-
 TEST(ReadFreesurferHeader, GeometryFileErrors)
 {
     ScopedTempDir dir;
@@ -125,13 +111,4 @@ TEST(ReadFreesurferHeader, GeometryFileErrors)
     EXPECT_EQ(read_stem("subj_").out, "Error: Value for x dimension not found in header file 'subj.bhdr'\n");
     remove("subj.bhdr");
     EXPECT_EQ(read_stem("subj_").out, "Error: cannot open freesurfer bhdr file subj.bhdr.\n");
-}
-
-TEST(ReadFreesurferHeaderDeathTest, NameWithoutUnderscoreIsAProgrammingError)
-{
-    char name[] = "subj";
-    QL_HEADER h;
-    set_header_defaults(&h);
-    EXPECT_EXIT({ fflush(stdout); dup2(2, 1); read_freesurfer_header(name, &h); }, testing::ExitedWithCode(1),
-                "Programming error: file name should end with '_' in read_freesurfer_header");
 }

@@ -79,36 +79,6 @@ TEST(ReadNiftiHeader, Method1ScalesFromVoxelZero)
     EXPECT_EQ(r.h.byte_order, machine_byte_order());
 }
 
-TEST(ReadNiftiHeader, FourDimensionsGiveTheVolumesAndTimeStep)
-{
-    ScopedTempDir dir;
-    NiftiFixture f = nifti_fixture(4, 3, 2, 6, 1.0f, DT_FLOAT32);
-    f.h.pixdim[4] = 2.5f;
-    Read r = write_and_read("a.nii", f);
-    ASSERT_EQ(r.result, 0);
-    EXPECT_EQ(r.h.nt, 6);
-    EXPECT_EQ(r.h.n4d, 144);
-    EXPECT_FLOAT_EQ(r.h.resolution_t, 2.5f);
-    f.h.dim[0] = 5;
-    r = write_and_read("a.nii", f);
-    EXPECT_EQ(r.result, 1);
-    EXPECT_EQ(r.out, "Error: qor does not currently handle data of dimensionality (5) > 4.\n");
-}
-
-TEST(ReadNiftiHeader, QformZeroIgnoresTheSform)
-{
-    ScopedTempDir dir;
-    NiftiFixture f = nifti_fixture(4, 3, 2, 1, 2.0f, DT_UINT8);
-    set_nifti_method3(&f, ROTATED_X, ROTATED_Y, ROTATED_Z);
-    f.h.qform_code = 0;
-    Read r = write_and_read("a.nii", f);
-    ASSERT_EQ(r.result, 0);
-    EXPECT_NE(r.out.find("Method 1"), std::string::npos);
-    EXPECT_FLOAT_EQ(r.h.origin.x + r.h.origin.y + r.h.origin.z, 0.0f);
-    EXPECT_EQ(r.h.off_diagonal, 0);
-    EXPECT_FLOAT_EQ(r.h.ijk_to_xyz.m[1][1], 2.0f);
-}
-
 TEST(ReadNiftiHeader, Method3UsesTheSformRows)
 {
     ScopedTempDir dir;
@@ -181,24 +151,6 @@ TEST(ReadNiftiHeader, OtherByteOrderGivesTheSameGeometryAsItsNativeTwin)
     }
 }
 
-TEST(ReadNiftiHeader, ValueTypesMapOntoStorageCodes)
-{
-    ScopedTempDir dir;
-    const struct { int datatype, storage, data_type; } table[] = {
-        {DT_UINT8, 5, 0}, {DT_INT16, 1, 0}, {DT_UINT16, 4, 0},
-        {DT_INT32, 3, 0}, {DT_FLOAT32, 2, 0}, {DT_COMPLEX64, 2, 1},
-    };
-    for (const auto &t : table) {
-        Read r = write_and_read("a.nii", nifti_fixture(2, 2, 2, 1, 1.0f, t.datatype));
-        ASSERT_EQ(r.result, 0) << t.datatype;
-        EXPECT_EQ(r.h.storage_type, t.storage) << t.datatype;
-        EXPECT_EQ(r.h.data_type, t.data_type) << t.datatype;
-    }
-    Read dbl = write_and_read("a.nii", nifti_fixture(2, 2, 2, 1, 1.0f, DT_FLOAT64));
-    EXPECT_EQ(dbl.result, 1);
-    EXPECT_EQ(dbl.out, "Error: the Nifti data storage type 64 is not supported.\n");
-}
-
 TEST(ReadNiftiHeader, DimensionChecksNameTheHeaderFile)
 {
     ScopedTempDir dir;
@@ -218,22 +170,6 @@ TEST(ReadNiftiHeader, DimensionChecksNameTheHeaderFile)
     Read huge = write_and_read("a.nii", nifti_fixture(32767, 32767, 32767, 1, 1.0f, DT_UINT8));
     EXPECT_EQ(huge.result, 1);
     EXPECT_NE(huge.out.find("are too large.\n"), std::string::npos) << huge.out;
-}
-
-TEST(ReadNiftiHeader, HeaderAndImagePairReadsTheHdrFile)
-{
-    ScopedTempDir dir;
-    Read r = write_and_read("pair.img", nifti_fixture(4, 3, 2, 1, 1.0f, DT_FLOAT32));
-    ASSERT_EQ(r.result, 0);
-    EXPECT_EQ(r.h.file_type, 7);
-    EXPECT_FLOAT_EQ(r.h.voxel_offset, 0.0f);
-    EXPECT_EQ(r.out, "The NIFTI header for file pair.img uses Method 1: the old analyze format\n");
-    // a 348-byte header without the extender is complete
-    NiftiFixture f = nifti_fixture(4, 3, 2, 1, 1.0f, DT_FLOAT32);
-    f.truncate_at = 348;
-    EXPECT_EQ(write_and_read("short.img", f).result, 0);
-    EXPECT_EQ(read_header("absent.img").out, "Error: cannot open Nifti file absent.hdr.\n");
-    EXPECT_EQ(read_header("absent.nii").out, "Error: cannot open Nifti file absent.nii.\n");
 }
 
 TEST(ReadNiftiHeader, DegreesOfFreedomExtension)
