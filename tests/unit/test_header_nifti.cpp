@@ -15,28 +15,13 @@ using testing::internal::GetCapturedStdout;
 
 namespace {
 
-struct Read {
-    int result;
-    std::string out;
-    QL_HEADER h;
-};
-
-Read read_header(const char *data_name)
-{
-    Read r;
-    char name[1024];
-    snprintf(name, sizeof name, "%s", data_name);
-    CaptureStdout();
-    r.result = read_volume_header(name, &r.h);
-    r.out = GetCapturedStdout();
-    return r;
-}
+using Read = HeaderRead;
 
 Read write_and_read(const char *path, const NiftiFixture &f)
 {
     std::vector<unsigned char> data(4 * 3 * 2 * 8 * 4);
     write_nifti(path, f, data);
-    return read_header(path);
+    return read_header_printing(path);
 }
 
 void expect_matrix(const mat44 &m, const float want[3][4])
@@ -220,7 +205,7 @@ TEST(ReadNiftiHeader, RealTemplatesGiveTheirGridAndMethod)
         if (access(gz.c_str(), R_OK) != 0) GTEST_SKIP() << "mricron-data is not installed";
         std::string nii = std::string(c.name) + ".nii";
         ASSERT_EQ(system(("gzip -dc " + gz + " > " + nii).c_str()), 0);
-        Read r = read_header(nii.c_str());
+        Read r = read_header_printing(nii.c_str());
         ASSERT_EQ(r.result, 0);
         EXPECT_EQ(r.out, "The NIFTI header for file " + nii + " uses " + c.method + "\n");
         EXPECT_EQ(r.h.dim.x, c.nx);
