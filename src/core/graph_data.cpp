@@ -4,6 +4,7 @@
 #include "graph_data.h"
 
 #include <cmath>
+#include <cstdlib>
 
 #include "globals.h"
 #include "numerics.h"
@@ -71,28 +72,30 @@ static int axis_coordinate(IPOINT3D v, int axis) { return axis == 0 ? v.x : (axi
 static void fill_profile(IPOINT3D at, int axis, int n)
 {
     data_stack *s = mosaic.stack;
-    for (int i = 0; i < n; i++) {
-        point_sums p = {0, 0.0, 0.0};
-        if (region_exists()) {
-            /* The slab of the region at coordinate i along the axis. */
-            IPOINT3D v;
-            for (v.z = 0; v.z < s->dim.z; v.z++)
-                for (v.y = 0; v.y < s->dim.y; v.y++)
-                    for (v.x = 0; v.x < s->dim.x; v.x++) {
-                        if (axis_coordinate(v, axis) != i) continue;
-                        if (!(overlay_map.weight[voxel3D_to_1D(v)] > 0.0f)) continue;
-                        add_value(&p, stack_data_4d(v.x, v.y, v.z, mosaic.iTime));
-                    }
-        } else {
+    point_sums *sums = (point_sums *)calloc((size_t)n, sizeof(point_sums));
+    if (sums == NULL) alloc_error("allocation failure in fill_graph_values()");
+    if (region_exists()) {
+        /* One pass over the region; each voxel adds to the point of its coordinate along the axis. */
+        IPOINT3D v;
+        for (v.z = 0; v.z < s->dim.z; v.z++)
+            for (v.y = 0; v.y < s->dim.y; v.y++)
+                for (v.x = 0; v.x < s->dim.x; v.x++)
+                    if (overlay_map.weight[voxel3D_to_1D(v)] > 0.0f)
+                        add_value(&sums[axis_coordinate(v, axis)], stack_data_4d(v.x, v.y, v.z, mosaic.iTime));
+    } else {
+        for (int i = 0; i < n; i++) {
             IPOINT3D v = at;
             if (axis == 0) v.x = i;
             else if (axis == 1) v.y = i;
             else v.z = i;
-            add_value(&p, stack_data_4d(v.x, v.y, v.z, mosaic.iTime));
+            add_value(&sums[i], stack_data_4d(v.x, v.y, v.z, mosaic.iTime));
         }
-        store_point(i, &p);
+    }
+    for (int i = 0; i < n; i++) {
+        store_point(i, &sums[i]);
         graph.xVector[i] = (float)i;
     }
+    free(sums);
 }
 
 static void fill_time_course(IPOINT3D at, int n)
