@@ -98,10 +98,17 @@ int fill_outline_in_slice(const POINT2D *outline, int n, int plane, int slice, f
         lo_v = fminf(lo_v, outline[k].y);
         hi_v = fmaxf(hi_v, outline[k].y);
     }
+    /* The outline's box, clipped to the plane before it becomes integer. */
+    int h, v, axis;
+    plane_axes_of_kind(plane, &h, &v, &axis);
+    IPOINT3D d = mosaic.stack->dim;
+    int nh = *axis_of(&d, h), nv = *axis_of(&d, v);
+    int i0 = (int)fmaxf(0.0f, ceilf(lo_h)), i1 = (int)fminf((float)(nh - 1), floorf(hi_h));
+    int j0 = (int)fmaxf(0.0f, ceilf(lo_v)), j1 = (int)fminf((float)(nv - 1), floorf(hi_v));
     int count = 0;
     if (n >= 3)
-        for (int j = (int)ceilf(lo_v); j <= (int)floorf(hi_v); j++)
-            for (int i = (int)ceilf(lo_h); i <= (int)floorf(hi_h); i++) {
+        for (int j = j0; j <= j1; j++)
+            for (int i = i0; i <= i1; i++) {
                 int index = plane_voxel_index(plane, i, j, slice);
                 if (index < 0 || !point_in_outline(outline, n, (float)i, (float)j)) continue;
                 set_map(index, weight, color);
@@ -110,12 +117,14 @@ int fill_outline_in_slice(const POINT2D *outline, int n, int plane, int slice, f
     if (count > 0) return count;
     /* Nothing enclosed: the voxels under the points, each counted once. */
     for (int k = 0; k < n; k++) {
-        int i = (int)floorf(outline[k].x + 0.5f), j = (int)floorf(outline[k].y + 0.5f);
+        float fi = floorf(outline[k].x + 0.5f), fj = floorf(outline[k].y + 0.5f);
+        if (!(fi >= 0.0f && fi < (float)nh && fj >= 0.0f && fj < (float)nv)) continue;
+        int i = (int)fi, j = (int)fj;
         int index = plane_voxel_index(plane, i, j, slice);
         if (index < 0) continue;
         int again = 0;
         for (int e = 0; e < k && !again; e++)
-            again = (int)floorf(outline[e].x + 0.5f) == i && (int)floorf(outline[e].y + 0.5f) == j;
+            again = floorf(outline[e].x + 0.5f) == fi && floorf(outline[e].y + 0.5f) == fj;
         set_map(index, weight, color);
         count += !again;
     }

@@ -268,8 +268,12 @@ static void action_image_button23(int press, int button)
     } else if (s & 4) {
         action_image_toggle_text_selection(2);
     } else if (s & 2) {
-        overlay_draw_button(button);
-        action_image_draw_overlay(1);
+        if (graph_shows_profile()) {
+            say("graph window: not available yet");
+        } else {
+            overlay_draw_button(button);
+            action_image_draw_overlay(1);
+        }
     }
 }
 
