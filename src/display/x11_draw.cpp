@@ -8,6 +8,7 @@
 
 #include "display_hooks.h"
 #include "display_model.h"
+#include "draw_overlay.h"
 #include "globals.h"
 #include "numerics.h"
 #include "render.h"
@@ -220,15 +221,8 @@ void draw_crosshairs(void)
 
 void draw_wire_frames(void)
 {
-    for (wire_list *w = &wire_root; w != NULL; w = w->next) {
-        if (!w->active || w->control == NULL) continue;
-        for (int i = 0; i < w->npts; i++) {
-            POINT3D v = Convert_Space_to_rVoxel(w->control[i].point, mosaic.stack);
-            IPOINT2D q = mosaic.display_3orthogonal ? Convert_rVoxel_to_Pixel(0, v, 1) : Convert_rVoxel_to_Pixel(-1, v, 1);
-            if (q.x <= 0 || q.y <= 0) continue;
-            XFillRectangle(XServerDisplay, XPixmap_image, XGC_green, q.x - 1, 30 + q.y - 1, 3, 3);
-        }
-    }
+    for (wire_list *w = &wire_root; w != NULL; w = w->next)
+        if (w->active && w->control != NULL) draw_wire_list(w);
 }
 
 void build_image_display_x11(int show_info_line)

@@ -10,6 +10,8 @@
 #include "align_model.h"
 #include "display_hooks.h"
 #include "display_model.h"
+#include "draw_ops.h"
+#include "draw_overlay.h"
 #include "globals.h"
 #include "graph.h"
 #include "interaction.h"
@@ -25,7 +27,6 @@
 #include "x11_events.h"
 
 static int last_xbut, last_ybut;
-static const char not_available[] = "not available yet";
 
 /* ---- reading events ---- */
 
@@ -253,10 +254,13 @@ static void action_image_button1(int press, int x, int y)
     }
 }
 
-static void action_image_button23(int press)
+static void action_image_button23(int press, int button)
 {
     int s = mosaic.cursor_selection;
-    if (!press) return;
+    if (!press) {
+        if (mosaic.drawing_overlay) action_image_draw_overlay(-1);
+        return;
+    }
     if (s & 32) {
         panel_change_set(0);
         draw_selectable_text_image();
@@ -264,7 +268,12 @@ static void action_image_button23(int press)
     } else if (s & 4) {
         action_image_toggle_text_selection(2);
     } else if (s & 2) {
-        show_on_info_line("drawing overlays with the mouse:", not_available, "");
+        if (graph_shows_profile()) {
+            action_set_projection_location();
+        } else {
+            overlay_draw_button(button);
+            action_image_draw_overlay(1);
+        }
     }
 }
 
@@ -279,7 +288,8 @@ static void action_image_wheel(int up)
 static void action_image_motion_notify(void)
 {
     static int previous_cursor = 0, previous_text = 0;
-    if ((mosaic.cursor_selection & 2) && graph.type == 3 && !overlays_exist()) update_graph_data(1, 1);
+    if (mosaic.drawing_overlay) action_image_draw_overlay(0);
+    else if ((mosaic.cursor_selection & 2) && graph.type == 3 && !overlays_exist()) update_graph_data(1, 1);
     show_information_text_image(1);
     int now_c = mosaic.cursor_selection, now_t = mosaic.text_selection;
     int text_changed = now_t != previous_text && now_t != 0 && previous_text != 0;
@@ -352,7 +362,7 @@ static int common_key(int code)
     case 'C': if (wire_root.npts > 0) { step_wire_colours(); build_image_display(1); } return 1;
     case 'd': if (overlays_exist()) action_clear_overlay(); return 1;
     case 'D': if (wire_root.npts > 0) action_clear_wires(); return 1;
-    case 'f': case 'F': show_on_info_line("filling closed wire-frames:", not_available, ""); return 1;
+    case 'f': case 'F': fill_closed_wires(); return 1;
     case 'i': case 'I':
         contrast_low = 0.0f;
         contrast_high = 1.0f;
@@ -361,12 +371,18 @@ static int common_key(int code)
         build_image_display(1);
         return 1;
     case 'm': action_mirror_overlay(); update_root_overlay(1); update_image_and_graph(1); return 1;
-    case 'M': show_on_info_line("mirroring wire-frames:", not_available, ""); return 1;
+    case 'M': action_mirror_wires(); update_image_and_graph(0); return 1;
     case 'n':
-        if (mosaic.activation.visible) show_on_info_line("selecting activated regions:", not_available, "");
-        else show_on_info_line("drawing wire-frames:", not_available, "");
+        if (mosaic.activation.visible) {
+            action_select_activated_point();
+            update_root_overlay(1);
+            update_image_and_graph(1);
+            return 1;
+        }
+        action_draw_wires();
+        update_image_and_graph(0);
         return 1;
-    case 'N': show_on_info_line("drawing wire-frames:", not_available, ""); return 1;
+    case 'N': action_draw_wires(); update_image_and_graph(0); return 1;
     case 'q': case 'Q': action_quit(); return 1;
     case 'r': read_overlay_file(".ovl", &ovl_root); update_root_overlay(1); update_image_and_graph(1); return 1;
     case 'R': read_wire_file(".wire", &wire_root, 0); update_image_and_graph(0); return 1;
@@ -469,7 +485,7 @@ int image_event_handler_general(XEvent *event)
     case ButtonPress:
         switch (event->xbutton.button) {
         case 1: action_image_button1(1, event->xbutton.x, event->xbutton.y); break;
-        case 2: case 3: action_image_button23(1); break;
+        case 2: case 3: action_image_button23(1, (int)event->xbutton.button); break;
         case 4: action_image_wheel(1); break;
         case 5: action_image_wheel(0); break;
         default: break;
@@ -477,7 +493,7 @@ int image_event_handler_general(XEvent *event)
         return 1;
     case ButtonRelease:
         if (event->xbutton.button == 1) action_image_button1(0, event->xbutton.x, event->xbutton.y);
-        else if (event->xbutton.button == 2 || event->xbutton.button == 3) action_image_button23(0);
+        else if (event->xbutton.button == 2 || event->xbutton.button == 3) action_image_button23(0, (int)event->xbutton.button);
         return 1;
     case MotionNotify: action_image_motion_notify(); return 1;
     case LeaveNotify:
