@@ -206,22 +206,24 @@ def scenario_panel(s):
     before = s.shot()
     s.click(*PANEL)
     expect_rows(s, 12, set(range(12)), 0, "button 1: the affine set, one row per parameter")
-    s.key("Right")  # x translation += its increment, 2 mm (twice the template's 1 mm voxels)
+    # x translation += its increment, 2·min(voxel 1 mm, smallest field of view 4 mm / 16) =
+    # 0.5 mm: four steps make 2 mm, twice the template's 1 mm voxels
+    s.key("Right", "Right", "Right", "Right")
     after = s.shot()
     for y, z in ((0, 0), (20, 1), (31, 3)):
         old, new = image_row(before, y, z), image_row(after, y, z)
         check(new[2:] == old[:-2] and new[:2] == [(0, 0, 0)] * 2,
               "x translation 2 mm shifts row y = %d, z = %d of the image by two voxels" % (y, z))
     check(old[15] != old[17], "the row shows the individual's edge")
-    s.key("Tab", "Right", "Tab", "Left")  # increment 2 -> 2.025, then x -= 2.025
+    s.key("Tab", "Right", "Tab", "Left")  # increment 0.5 -> 0.525, then x -= 0.525
     s.click(*PANEL, button=3)
     expect_rows(s, 17, SET0 | {16}, 0, "button 3: back to the setup set")
     s.click(*PANEL, button=3)
     expect_rows(s, 17, set(range(16)), 1, "button 3 again wraps to the non-linear set, X Field selected")
     quit_yes(s)
     p = align_com()
-    check(p["registration-translations"] == ["-0.025", "0", "0"],
-          "align.com holds x = 2 - 2.025 (got %s)" % p["registration-translations"])
+    check(p["registration-translations"] == ["1.475", "0", "0"],
+          "align.com holds x = 2 - 0.525 (got %s)" % p["registration-translations"])
 
 
 def prepare_panel():
