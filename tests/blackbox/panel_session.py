@@ -215,6 +215,12 @@ def scenario_panel(s):
         check(new[2:] == old[:-2] and new[:2] == [(0, 0, 0)] * 2,
               "x translation 2 mm shifts row y = %d, z = %d of the image by two voxels" % (y, z))
     check(old[15] != old[17], "the row shows the individual's edge")
+    s.click(130, 22)  # "reset/recall" in the top menu: the identity, then the values again
+    check(image_row(s.shot(), 31, 3) == old, "reset/recall resets the affine parameters")
+    s.click(130, 22)
+    check(image_row(s.shot(), 31, 3) == new, "reset/recall a second time recalls them")
+    s.move(*PANEL)
+    s.key("ctrl+a")  # deck-of-cards: saved as the registration type
     s.key("Tab", "Right", "Tab", "Left")  # increment 0.5 -> 0.525, then x -= 0.525
     s.click(*PANEL, button=3)
     expect_rows(s, 17, SET0 | {16}, 0, "button 3: back to the setup set")
@@ -222,6 +228,7 @@ def scenario_panel(s):
     expect_rows(s, 17, set(range(16)), 1, "button 3 again wraps to the non-linear set, X Field selected")
     quit_yes(s)
     p = align_com()
+    check(p.get("registration-type") == ["deck-of-cards"], "control-A made it a deck of cards")
     check(p["registration-translations"] == ["1.475", "0", "0"],
           "align.com holds x = 2 - 0.525 (got %s)" % p["registration-translations"])
 
