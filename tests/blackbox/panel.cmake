@@ -11,6 +11,6 @@ if(XVFB_RUN AND XDOTOOL)
     set_tests_properties(panel_${scenario} PROPERTIES TIMEOUT 600 RESOURCE_LOCK xvfb SKIP_RETURN_CODE 77)
     math(EXPR server "${server} + 4")
   endforeach()
-  # about 20 minutes on two cores: the normal build only
+  # about 2 minutes on two cores: the normal build only
   set_tests_properties(panel_realdata PROPERTIES TIMEOUT 3600 LABELS realdata)
 endif()
