@@ -223,11 +223,13 @@ def scenario_panel(s):
     s.key("Tab", "Right", "Tab", "Left")  # increment 0.5 -> 0.525, then x -= 0.525
     s.click(*s.panel, button=3)
     expect_rows(s, 17, SET0 | {16}, 0, "button 3: back to the setup set")
+    s.key("Left", "Left")  # Rot. x: 0 -> -1 -> 2 quarter turns
     s.click(*s.panel, button=3)
     expect_rows(s, 17, set(range(16)), 1, "button 3 again wraps to the non-linear set, X Field selected")
     quit_yes(s)
     p = align_com()
     check(p.get("registration-type") == ["deck-of-cards"], "control-A made it a deck of cards")
+    check(p["registration-orientation"] == ["2", "0", "0", "0"], "Left twice on Rot. x wraps -1 to 2")
     check(p["registration-translations"] == ["1.475", "0", "0"],
           "align.com holds x = 2 - 0.525 (got %s)" % p["registration-translations"])
 
