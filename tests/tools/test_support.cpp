@@ -1,6 +1,8 @@
 /* Helpers shared by the unit tests. */
 #include "test_support.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -73,4 +75,15 @@ void write_text_file(const std::string &name, const std::string &content)
 {
     std::ofstream out(name, std::ios::binary);
     out << content;
+}
+
+HeaderRead read_header_printing(const char *data_name)
+{
+    HeaderRead r;
+    char name[1024];
+    snprintf(name, sizeof name, "%s", data_name);
+    testing::internal::CaptureStdout();
+    r.result = read_volume_header(name, &r.h);
+    r.out = testing::internal::GetCapturedStdout();
+    return r;
 }

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "types.h"
+#include "header_quill.h"
 
 /* Allocates a zeroed stack of nx*ny*nz*nt floats with the plain geometry
    ijk_to_xyz = scale_and_shift(resolution, origin 0, direction +1) and its inverse. */
@@ -21,3 +22,11 @@ struct ScopedTempDir {
 };
 std::string read_text_file(const std::string &name);
 void write_text_file(const std::string &name, const std::string &content);
+
+/* read_volume_header on a copy of name, with what it printed. */
+struct HeaderRead {
+    int result;
+    std::string out;
+    QL_HEADER h;
+};
+HeaderRead read_header_printing(const char *name);

@@ -49,22 +49,7 @@ std::string printed(int header, int level)
     return testing::internal::GetCapturedStdout();
 }
 
-int build_calls, build_arg;
-void count_build(int arg)
-{
-    build_calls++;
-    build_arg = arg;
-}
-
 }  // namespace
-
-TEST(DefineAffineMatrix, DefaultsGiveTheIdentity)
-{
-    reset_parameters();
-    define_affine_matrix();
-    for (int i = 0; i < 4; i++)
-        for (int j = 0; j < 4; j++) EXPECT_EQ(Alignment.Affine[i][j], i == j ? 1.0f : 0.0f);
-}
 
 TEST(DefineAffineMatrix, TranslationsEnterWithAMinusSign)
 {
@@ -109,26 +94,6 @@ TEST(DefineAffineMatrix, EachRigidAngleRotatesInItsPlane)
     define_affine_matrix();
     const float yz[3][3] = {{c, 0, s}, {0, 1, 0}, {-s, 0, c}};
     expect_block(Alignment.Affine, yz, 1e-6f);
-}
-
-TEST(DefineAffineMatrix, RigidRotationIsOrthonormalForAnyAngles)
-{
-    reset_parameters();
-    Alignment.value[3] = 23.0f;
-    Alignment.value[4] = -41.0f;
-    Alignment.value[5] = 67.0f;
-    define_affine_matrix();
-    const float(*a)[4] = Alignment.Affine;
-    for (int i = 0; i < 3; i++)
-        for (int j = 0; j < 3; j++) {
-            double dot = 0;
-            for (int k = 0; k < 3; k++) dot += a[i][k] * a[j][k];
-            EXPECT_NEAR(dot, i == j ? 1.0 : 0.0, 1e-6);
-        }
-    double det = a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) - a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
-                 a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
-    EXPECT_NEAR(det, 1.0, 1e-6);
-    EXPECT_NEAR(a[2][1], -sin(-41.0 * M_PI / 180), 1e-6);  // row 2 = (-c1 s2, -s1, c2 c1)
 }
 
 TEST(DefineAffineMatrix, RigidBodyZeroTurnsTheOtherAnglesIntoTilts)
@@ -236,20 +201,6 @@ TEST(GetStartingIncrements, BaseStepIsTheSmallerOfVoxelSizeAndASixteenthOfTheVie
     }
 }
 
-TEST(GetStartingIncrements, OtherLevelsLeaveTheArrayAlone)
-{
-    make_stack(&template_, 16, 16, 16, 1);
-    float inc[12];
-    for (float &v : inc) v = -7.0f;
-    get_starting_increments(4, inc);
-    get_starting_increments(-1, inc);
-    for (float v : inc) EXPECT_EQ(v, -7.0f);
-    AlignAid = {};
-    action_set_increments(3);
-    EXPECT_EQ(AlignAid.increment[0], 4.0f);  // b = min(1, 16/16)
-    EXPECT_EQ(AlignAid.increment[3], 10.0f);
-}
-
 TEST(PrintParameterSet, HeaderValuesDittosAndFrozenMarks)
 {
     make_volumes(8, 8, 8, 1, 1, 1, 64, {1, 1, 1});
@@ -284,48 +235,6 @@ TEST(PrintParameterSet, ParameterZeroIsNeverMarkedFrozen)
 
 
 
-TEST(InitializeAlignment, SetsEveryDefault)
-{
-    make_volumes(16, 8, 4, 1.0f, 2.0f, 4.0f, 64, {1, 1, 1});
-    template_.origin = {1, 2, 3};
-    template_.registration = REG_PW_RAT;
-    Alignment.value[6] = 5;
-    initialize_alignment();
-    EXPECT_STREQ(AlignAid.name[0], "  x");
-    EXPECT_STREQ(AlignAid.name[11], "skew_yz");
-    EXPECT_STREQ(AlignAid.name[14], "Z field");
-    for (int j = 0; j < 12; j++) {
-        float want = (j >= 6 && j <= 8) ? 1.0f : 0.0f;
-        EXPECT_EQ(Alignment.value[j], want);
-        EXPECT_EQ(AlignAid.saved_value[j], want);
-    }
-    EXPECT_EQ(AlignAid.increment[0], 2.0f);  // level 2: 2 * min(4, 16/16)
-    EXPECT_EQ(Alignment.dimension.z, 4);
-    EXPECT_EQ(Alignment.resolution.y, 2.0f);
-    EXPECT_EQ(Alignment.origin.z, 3.0f);
-    EXPECT_EQ(Alignment.registration, REG_PW_RAT);
-    for (int i = 0; i < template_.n3d; i++) ASSERT_EQ(AlignAid.mask[i], 0.0f);
-    // fov 16 mm on every axis: 8 cells of 2 mm along x, hence 8 along y and z too; the grid
-    // is built with half-widths rint(16/8), rint(8/8) and rint(4/8) raised to 1
-    EXPECT_EQ(AlignNL.BasisGrid.y, 8);
-    EXPECT_EQ(AlignNL.BasisGrid.z, 8);
-    EXPECT_EQ(AlignNL.BasisFWHM.x, 2);
-    EXPECT_EQ(AlignNL.BasisFWHM.z, 1);
-}
-
-TEST(InitializeAlignment, SubSamplingFollowsTheIndividualsWidth)
-{
-    const int widths[] = {256, 128, 64, 63, 32, 31, 512, 2048};
-    const int steps[] = {6, 4, 2, 1, 1, 1, 8, 8};
-    for (int k = 0; k < 8; k++) {
-        make_volumes(8, 8, 8, 1, 1, 1, widths[k], {1, 1, 1});
-        initialize_alignment();
-        EXPECT_EQ(AlignAid.SubSampleSetting.x, steps[k]) << widths[k];
-        EXPECT_EQ(AlignAid.SubSampleSetting.y, steps[k]) << widths[k];
-        EXPECT_EQ(AlignAid.SubSample.x, 1);
-    }
-}
-
 TEST(InitializeAlignment, SubSamplingOfYAndZMatchesTheMillimetresOfX)
 {
     // 64 wide at 5 mm: step 2 = 10 mm; y at 3 mm -> 3.33 -> 3; z at 4 mm -> 2.5 -> 2 (ties to even)
@@ -339,17 +248,6 @@ TEST(InitializeAlignment, SubSamplingOfYAndZMatchesTheMillimetresOfX)
     initialize_alignment();
     EXPECT_EQ(AlignAid.SubSampleSetting.y, 1);
     EXPECT_EQ(AlignAid.SubSampleSetting.z, 1);
-}
-
-TEST(UpdateDisplaySet, ChoosesTheRangeOfParametersShown)
-{
-    AlignAid = {};
-    const int sets[4] = {1, 2, 0, 5}, last[4] = {11, 8, 9, 9};
-    for (int k = 0; k < 4; k++) {
-        AlignAid.DisplaySet = sets[k];
-        update_display_set();
-        EXPECT_EQ(AlignAid.iLastParShown, last[k]) << sets[k];  // an unknown set changes nothing
-    }
 }
 
 TEST(PointMosaicToStackData, ChoosesVolumeTimePointAndScale)
@@ -383,37 +281,6 @@ TEST(PointMosaicToStackData, ChoosesVolumeTimePointAndScale)
     EXPECT_EQ(image_scale_min, -5.0f);
 }
 
-TEST(PointMosaicToStackData, BasisImageIsRebuiltOnlyWhenAsked)
-{
-    make_volumes(8, 8, 8, 1, 1, 1, 32, {1, 1, 1});
-    initialize_alignment();
-    AlignNL.iBasis = AlignNL.NBasis / 2;
-    AlignAid.DisplayType = 5;
-    point_mosaic_to_stack_data();
-    EXPECT_EQ(mosaic.stack, &NL_bases);
-    float total = 0;
-    for (int i = 0; i < NL_bases.n3d; i++) total += NL_bases.SpaceTime.fData[i];
-    EXPECT_EQ(total, 0.0f);
-    AlignNL.ViewBasis = 1;
-    point_mosaic_to_stack_data();
-    for (int i = 0; i < NL_bases.n3d; i++) total += NL_bases.SpaceTime.fData[i];
-    EXPECT_GT(total, 0.0f);
-}
-
-TEST(RescaleImageSettings, StoresTheScaleOfTheKindShown)
-{
-    AlignAid = {};
-    const int types[3] = {1, 5, 0};
-    float *maxima[3] = {&template_scale_max, &distort_scale_max, &individual_scale_max};
-    for (int k = 0; k < 3; k++) {
-        AlignAid.DisplayType = types[k];
-        image_scale_max = 11.0f + k;
-        rescale_image_settings();
-        EXPECT_EQ(*maxima[k], 11.0f + k) << types[k];
-    }
-    EXPECT_EQ(template_scale_max, 11.0f);
-}
-
 TEST(ConvertActivationScale, TurnsNaturalLogarithmsIntoBaseTenOnTheChosenTimePoints)
 {
     make_stack(&activation_stack, 2, 1, 1, 3);
@@ -422,22 +289,4 @@ TEST(ConvertActivationScale, TurnsNaturalLogarithmsIntoBaseTenOnTheChosenTimePoi
     EXPECT_FLOAT_EQ(activation_stack.SpaceTime.fData[0], (float)log(100.0));
     EXPECT_NEAR(activation_stack.SpaceTime.fData[2], 2.0f, 1e-4f);
     EXPECT_NEAR(activation_stack.SpaceTime.fData[5], 2.0f, 1e-4f);
-}
-
-TEST(UpdateAlignment, ResamplesAndRedrawsWithTheInformationLine)
-{
-    make_volumes(6, 6, 6, 1, 1, 1, 32, {1, 1, 1});
-    make_stack(&original, 6, 6, 6, 1);
-    initialize_alignment();
-    for (int i = 0; i < 216; i++) template_.SpaceTime.fData[i] = original.SpaceTime.fData[i] = 1.0f + i;
-    Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_);
-    Alignment.xyz_to_ijk = centered_xyz_to_ijk(original);
-    DisplayHooks = {};
-    DisplayHooks.build_image_display = count_build;
-    build_calls = 0;
-    update_alignment(1);
-    EXPECT_EQ(build_calls, 1);
-    EXPECT_EQ(build_arg, 1);
-    EXPECT_NEAR(individual.SpaceTime.fData[100], 101.0f, 1e-3f);
-    DisplayHooks = {};
 }

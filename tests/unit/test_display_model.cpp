@@ -147,20 +147,6 @@ TEST(ComputeDisplaySize, FewerPanelsThanSlicesShowTheCentralOnes)
     EXPECT_EQ(shown_slices().size(), 10u);
 }
 
-TEST(ComputeDisplaySize, ThreePlaneLayout)
-{
-    show_stack(10, 8, 6);
-    mosaic.display_3orthogonal = 1;
-    mosaic.display_ortho_ZY = 1;
-    mosaic.zoom = 2;
-    compute_display_size(NULL);
-    EXPECT_EQ(mosaic.ImageRegionPixels.x, (10 + 3 + 6) * 2);
-    EXPECT_EQ(mosaic.ImageRegionPixels.y, (8 + 3 + 6) * 2);
-    mosaic.display_ortho_ZY = 0;
-    compute_display_size(NULL);
-    EXPECT_EQ(mosaic.ImageRegionPixels.x, (10 + 3 + 8) * 2);
-}
-
 TEST(CursorSelectionOnImageWindow, MosaicPixelsRoundTripToVoxelsInEveryOrientation)
 {
     for (int flip = 0; flip <= 1; flip++)
@@ -220,46 +206,6 @@ TEST(CursorSelectionOnImageWindow, ThreePlanePixelsRoundTripToVoxels)
         }
 }
 
-TEST(CursorSelectionOnImageWindow, TopRowOfAnXYPanelIsTheLastRowWhenFlipped)
-{
-    show_stack(8, 6, 2);
-    mosaic.mosaic_orientation = 0;
-    mosaic.zoom = 2;
-    compute_display_size(NULL);
-    mosaic.flip_X11_y = 1;
-    mosaic.cursor_selection = 1;
-    CursorSelection_OnImageWindow(2 + 2 * 3, 30 + 2);  // panel 0, first pixel row, x voxel 3
-    EXPECT_EQ(mosaic.icursor.y, 5);
-    EXPECT_EQ(mosaic.icursor.x, 3);
-    EXPECT_EQ(mosaic.icursor.z, 0);
-    mosaic.flip_X11_y = 0;
-    mosaic.cursor_selection = 1;
-    CursorSelection_OnImageWindow(2 + 2 * 3, 30 + 2);
-    EXPECT_EQ(mosaic.icursor.y, 0);
-}
-
-TEST(CursorSelectionOnImageWindow, CursorInSpaceIsTheVoxelCentreAtThePixelCentre)
-{
-    show_stack(8, 6, 4, 2.0f, 3.0f, 1.0f);
-    image_stack.origin = {10.0f, -5.0f, 1.0f};
-    image_stack.ijk_to_xyz = scale_and_shift_to_mat44(image_stack.resolution, image_stack.origin, image_stack.direction);
-    mosaic.mosaic_orientation = 0;
-    mosaic.flip_X11_y = 0;
-    mosaic.zoom = 4;
-    compute_display_size(NULL);  // PixelResolution (1, 1.5, 0.5)
-    // Pixel offsets of 3.5 and 3.75 zoom-1 pixels: 3.5 voxels along x, 2.5 voxels along y.
-    int x2d = 4 + 14, y2d = 30 + 4 + 15;
-    mosaic.cursor_selection = 1;
-    CursorSelection_OnImageWindow(x2d, y2d);
-    EXPECT_EQ(mosaic.icursor.x, 3);
-    EXPECT_EQ(mosaic.icursor.y, 2);
-    // x: 10 + 2*3.5 - 1 = 16 (centre of voxel 3); y: -5 + 3*2.5 - 1.5 = 1 (centre of voxel 2);
-    // z: slice 0 at origin 1, not shifted on an XY panel.
-    EXPECT_FLOAT_EQ(mosaic.cursor.x, 16.0f);
-    EXPECT_FLOAT_EQ(mosaic.cursor.y, 1.0f);
-    EXPECT_FLOAT_EQ(mosaic.cursor.z, 1.0f);
-}
-
 TEST(CursorSelectionOnImageWindow, BordersMissingPanelsAndNegativePixelsAreNotOnTheImage)
 {
     show_stack(4, 4, 3);
@@ -294,25 +240,6 @@ TEST(CursorSelectionOnImageWindow, BordersMissingPanelsAndNegativePixelsAreNotOn
     EXPECT_EQ(p.y, -1);
 }
 
-TEST(ConvertRVoxelToPixel, PlanePixelsAndTheFlip)
-{
-    show_stack(6, 5, 4, 1.0f, 2.0f, 1.0f);
-    mosaic.display_3orthogonal = 1;
-    mosaic.zoom = 2;
-    compute_display_size(NULL);  // R = (1, 2, 1), D = (6, 10, 4)
-    POINT3D v = {2.0f, 3.0f, 1.0f};
-    IPOINT2D p = Convert_rVoxel_to_Pixel(1, v, 1);  // ZY: x after the XY column, centred
-    EXPECT_EQ(p.x, (6 + 1 + 2) * 2 + 1);
-    EXPECT_EQ(p.y, (2 * 3 + 1) * 2 + 1);
-    p = Convert_rVoxel_to_Pixel(3, v, 0);
-    EXPECT_EQ(p.x, (6 + 2 * 3 + 2) * 2);
-    EXPECT_EQ(p.y, (10 + 1 + 2) * 2);
-    mosaic.flip_X11_y = 1;  // XZ flips z to nz - z = 3 and centres upwards
-    p = Convert_rVoxel_to_Pixel(2, v, 1);
-    EXPECT_EQ(p.x, (2 + 1) * 2 + 1);
-    EXPECT_EQ(p.y, (10 + 3 + 2) * 2 - 1);
-}
-
 TEST(DefineMosaicCursorLocation, RegionsOfTheWindow)
 {
     show_stack(16, 16, 4);
@@ -342,19 +269,6 @@ TEST(DefineMosaicCursorLocation, RegionsOfTheWindow)
     EXPECT_EQ(where(35 + 10, 63), 1 | 16 | 4096);
     EXPECT_EQ(where(3, 33), 1 | 2 | 64 | 128);
     EXPECT_EQ(where(5, 30 + 35 + 40), 1 | 8);  // bottom band, no bottom item
-}
-
-TEST(UpdateDisplaySettings, CrosshairToTheCentreAndOverlayMapCleared)
-{
-    show_stack(7, 6, 5);
-    overlay_map.weight = float_vector(210);
-    overlay_map.color = short_vector(210);
-    for (int i = 0; i < 210; i++) overlay_map.weight[i] = overlay_map.color[i] = 1;
-    ovl_root.npts = 210;
-    update_display_settings();
-    EXPECT_EQ(mosaic.icross.x * 100 + mosaic.icross.y * 10 + mosaic.icross.z, 332);
-    for (int i = 0; i < 210; i++) ASSERT_EQ(overlay_map.weight[i] + overlay_map.color[i], 0.0f);
-    EXPECT_EQ(ovl_root.npts, 0);
 }
 
 TEST(RescaleImage, RangeFromTheDataAndTheContrastLevels)

@@ -36,34 +36,6 @@ double dc_factor(int n, double delta, double fwhm)
 
 }  // namespace
 
-TEST(FilterImageData, RolloffOffCopiesTheDataAndPrintsNothing)
-{
-    set_up_volumes(4, 3, 2, 2, 1);
-    std::mt19937 rng{1};
-    std::uniform_real_distribution<float> u(-5.0f, 5.0f);
-    for (int i = 0; i < template_unfiltered.n4d; i++) template_unfiltered.SpaceTime.fData[i] = u(rng);
-    for (int i = 0; i < original_unfiltered.n4d; i++) original_unfiltered.SpaceTime.fData[i] = u(rng);
-
-    testing::internal::CaptureStdout();
-    filter_image_data();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-
-    for (int i = 0; i < template_unfiltered.n4d; i++)
-        ASSERT_EQ(template_.SpaceTime.fData[i], template_unfiltered.SpaceTime.fData[i]) << i;
-    for (int i = 0; i < original_unfiltered.n4d; i++)
-        ASSERT_EQ(original.SpaceTime.fData[i], original_unfiltered.SpaceTime.fData[i]) << i;
-    // individual: the template's grid with the individual's number of time points
-    EXPECT_EQ(individual.dim.x, 4);
-    EXPECT_EQ(individual.dim.z, 2);
-    EXPECT_EQ(individual.nt, 1);
-    EXPECT_NE(individual.SpaceTime.fData, nullptr);
-
-    // A second call frees and rebuilds: new data follow the unfiltered volumes.
-    template_unfiltered.SpaceTime.fData[5] = 42.0f;
-    filter_image_data();
-    EXPECT_EQ(template_.SpaceTime.fData[5], 42.0f);
-}
-
 TEST(FilterImageData, RolloffPrintsBothWidthsAndFlattensASmoothBiasField)
 {
     const int n = 32;
@@ -203,23 +175,4 @@ TEST(Ft1d, ForwardThenBackwardReturnsTheDataAlongEveryAxis)
     }
     free_fcomplex_vector(c);
     free_fcomplex_vector(copy);
-}
-
-TEST(Ft1d, ConstantLinesGoToTheCentredZeroFrequencyDividedByTheLength)
-{
-    // Along y (even length 4) the zero frequency is index 2; along x (odd length 5) index 3.
-    // Each y-line has its own value, so lines that mixed would show.
-    FCOMPLEX *c = fcomplex_vector(60);
-    data_stack s = complex_stack(c, 5, 4, 3, 1);
-    for (int i = 0; i < 60; i++) c[i] = {(float)(1 + i % 5 + 10 * (i / 20)), 0.5f};
-    ft_1d(2, 1, &s);
-    for (int i = 0; i < 60; i++) {
-        int y = (i / 5) % 4;
-        ASSERT_NEAR(c[i].real, y == 2 ? (float)(1 + i % 5 + 10 * (i / 20)) : 0.0f, 1e-5) << i;
-        ASSERT_NEAR(c[i].imag, y == 2 ? 0.5f : 0.0f, 1e-5) << i;
-    }
-    for (int i = 0; i < 60; i++) c[i] = {2.0f, 0.0f};
-    ft_1d(1, 1, &s);
-    for (int i = 0; i < 60; i++) ASSERT_NEAR(c[i].real, i % 5 == 3 ? 2.0f : 0.0f, 1e-5) << i;
-    free_fcomplex_vector(c);
 }

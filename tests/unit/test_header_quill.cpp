@@ -70,24 +70,6 @@ TEST(GetExtension, ClassifiesTheTextAfterTheLastDotExactly)
     EXPECT_EQ(GetCapturedStdout(), "The file name has no extension!\n");
 }
 
-TEST(GetExtension, TrailingNewlineIsCutFromTheCallersName)
-{
-    char name[] = "brain.nii\n";
-    int type;
-    EXPECT_EQ(get_extension(name, &type), 0);
-    EXPECT_EQ(type, 6);
-    EXPECT_STREQ(name, "brain.nii");
-}
-
-TEST(ReplaceExtension, ReplacesOnlyAfterTheLastDot)
-{
-    char name[] = "dir.v1/brain.bshort", result[1024];
-    int type;
-    EXPECT_EQ(replace_extension(name, &type, "hdr", result), 0);
-    EXPECT_STREQ(result, "dir.v1/brain.hdr");
-    EXPECT_EQ(type, 1);
-}
-
 TEST(QuillFormat, CutsTheCallersNameAtTheLastDot)
 {
     const struct { const char *name; int code; const char *stem; } cases[] = {
@@ -101,18 +83,6 @@ TEST(QuillFormat, CutsTheCallersNameAtTheLastDot)
         EXPECT_EQ(quill_format(name), c.code) << c.name;
         EXPECT_STREQ(name, c.stem);
     }
-}
-
-TEST(ByteOrder, MachineOrderAndSwapsReverseBytes)
-{
-    EXPECT_EQ(machine_byte_order(), fixture_machine_byte_order());
-    unsigned char two[2] = {0x12, 0x34}, four[4] = {1, 2, 3, 4};
-    swap_16(two);
-    swap_32(four);
-    EXPECT_EQ(two[0], 0x34);
-    EXPECT_EQ(two[1], 0x12);
-    const unsigned char want[4] = {4, 3, 2, 1};
-    EXPECT_EQ(memcmp(four, want, 4), 0);
 }
 
 TEST(DecodeQuillHeaderKeyword, EachKeywordSetsItsField)
@@ -172,17 +142,6 @@ TEST(DecodeQuillHeaderKeyword, BadLinesAreErrorsWithTheirMessages)
                        "2) nothing else (paxinos-monkey later?)\n");
 }
 
-TEST(DecodeQuillHeaderKeyword, RegistrationResetsTheDataType)
-{
-    QL_HEADER h;
-    set_header_defaults(&h);
-    char a[] = "data-type complex", b[] = "registration PW-rat";
-    decode_quill_header_keyword(a, &h);
-    EXPECT_EQ(h.data_type, 1);
-    EXPECT_EQ(decode_quill_header_keyword(b, &h), 0);
-    EXPECT_EQ(h.data_type, 0);
-}
-
 TEST(ReadVolumeHeader, QuillHeaderGivesTheGeometryAndTheDerivedSizes)
 {
     ScopedTempDir dir;
@@ -205,17 +164,6 @@ TEST(ReadVolumeHeader, QuillHeaderGivesTheGeometryAndTheDerivedSizes)
     POINT3D back = apply_mat44(d.h.xyz_to_ijk, p.x, p.y, p.z);
     EXPECT_NEAR(back.x, 3.0f, 1e-6);
     EXPECT_NEAR(back.z, 1.0f, 1e-6);
-}
-
-TEST(ReadVolumeHeader, UnknownExtensionTakesTheStorageFromTheHeader)
-{
-    ScopedTempDir dir;
-    Decoded d = read_volume("scan.BSHORT", (std::string(SIZES) + "storage-type unsigned-char\n").c_str());
-    ASSERT_EQ(d.result, 0);
-    EXPECT_EQ(d.h.file_type, -1);
-    EXPECT_EQ(d.h.storage_type, 5);
-    EXPECT_EQ(d.h.byte_order, machine_byte_order());  // defaults where the header is silent
-    EXPECT_FLOAT_EQ(d.h.resolution.y * d.h.direction.z, 1.0f);
 }
 
 TEST(ReadVolumeHeader, NamesWithoutExtensionAppendHdrAndNeedAStorageType)

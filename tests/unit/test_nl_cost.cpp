@@ -205,23 +205,6 @@ TEST(CostFunctionNonlinear, EqualMinAndMaxGivesOnlyThePenalty)
     EXPECT_NEAR(cost_function_nonlinear(0, 0), expected, 1e-5);
 }
 
-TEST(CostFunctionNonlinear, ZeroLambdaComputesNoPenalty)
-{
-    set_up_volumes();
-    for (int k = 0; k < distort_y.n3d; k++) distort_y.SpaceTime.fData[k] = (float)((k * 7) % 5);
-    float rough = cost_deformation(0, 0);
-    ASSERT_GT(rough, 0.0f);
-    for (int k = 0; k < distort_y.n3d; k++) distort_y.SpaceTime.fData[k] = 0.0f;
-    Oracle o;
-    oracle_normalisation(o);
-    oracle_range(o);
-    oracle_count(o);
-    AlignNL.Lambda_reg = 0;
-    EXPECT_NEAR(cost_function_nonlinear(0, 0), oracle_mi(o), 1e-4);
-    // The penalty totals were not touched (they still hold the rough field's sum).
-    EXPECT_EQ(nonlinear_cost_totals()->DEF_sum2, rough);
-}
-
 TEST(CostFunctionNonlinear, CorrelationOfABoxProbeIsThatOfTheBoxAlone)
 {
     set_up_volumes();
@@ -253,25 +236,6 @@ TEST(MutualInformation, CountsGiveLn2ForTwoDependentBinsAndZeroForIndependent)
     IT[0 * 50 + 3] = 1; IT[0 * 50 + 4] = 1; IT[1 * 50 + 3] = 1; IT[1 * 50 + 4] = 1;
     EXPECT_NEAR(mutual_information(4, I, T, IT), 0.0, 1e-7);
     EXPECT_EQ(mutual_information(0, I, T, IT), 0.0f);
-}
-
-TEST(CalculateVolumeAveragesNonlinear, BoxAveragesAndCommonRange)
-{
-    set_up_volumes();
-    // Box 0 spans x 2..6, y 3..7, z 1..4; make its values known.
-    IPOINT3D s = AlignNL.Index3DStart[0], e = AlignNL.Index3DEnd[0];
-    for (int z = s.z; z < e.z; z++)
-        for (int y = s.y; y < e.y; y++)
-            for (int x = s.x; x < e.x; x++) {
-                *at(template_, x, y, z) = (x == 2) ? 4.0f : 2.0f;  // average 2.4 over 5 columns
-                *at(individual, x, y, z) = 0.0f;
-            }
-    float ai, at_, lo, hi;
-    calculate_volume_averages_nonlinear(0, &ai, &at_, &lo, &hi);
-    EXPECT_EQ(ai, 1.0f);  // a zero individual average is replaced by 1
-    EXPECT_FLOAT_EQ(at_, 2.4f);
-    EXPECT_EQ(lo, 0.0f);
-    EXPECT_FLOAT_EQ(hi, 4.0f / 2.4f);
 }
 
 TEST(BendingPenalty, HandComputedValues)

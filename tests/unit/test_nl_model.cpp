@@ -77,8 +77,6 @@ double x_map_oracle(int x, int y, int z)
     return sum;
 }
 
-int refresh_calls;
-void count_refresh(int) { refresh_calls++; }
 
 }  // namespace
 
@@ -104,14 +102,6 @@ TEST(CalcNumberNLBasisFunctions, HalfWidthTwoOverSixtyFourVoxels)
     }
     EXPECT_EQ(g[31].start, 60); EXPECT_EQ(g[31].peak, 62); EXPECT_EQ(g[31].end, 64);
     EXPECT_EQ(g[32].start, 62); EXPECT_EQ(g[32].peak, 63); EXPECT_EQ(g[32].end, 64);
-}
-
-TEST(CalcNumberNLBasisFunctions, HalfWidthOfHalfTheAxisOrMoreGivesOneOrTwoBases)
-{
-    // f = 0.25: no odd basis survives the 0.25 test, one even basis is added
-    expect_grid(axis_grid(2, 4), {{0, 1, 2}});
-    // f = 0.5: one of each, the even one with the forced last peak
-    expect_grid(axis_grid(4, 4), {{0, 3, 4}, {0, 4, 4}});
 }
 
 TEST(NLBasisFunction, CosineSquaredOfTheAbsoluteCoordinate)
@@ -171,14 +161,6 @@ TEST(UpdateNonlinearAlignmentParameters, BuildsTheGridInBasisOrder)
     EXPECT_EQ(AlignNL.increment[2 * AlignNL.NBasis + n], 0.25f);
 }
 
-TEST(UpdateNonlinearAlignmentParameters, GridFinerThanTheVoxelsGivesHalfWidthOne)
-{
-    make_model(6, 6, 6, {12, 7, 3});
-    EXPECT_EQ(AlignNL.BasisFWHM.x, 1);
-    EXPECT_EQ(AlignNL.BasisFWHM.y, 1);
-    EXPECT_EQ(AlignNL.BasisFWHM.z, 2);
-}
-
 TEST(UpdateNonlinearAlignmentParameters, CoefficientsComeFromTheMapsAtThePeaks)
 {
     make_model(16, 16, 16, {4, 4, 4});
@@ -203,25 +185,6 @@ TEST(UpdateNonlinearAlignmentParameters, CoefficientsComeFromTheMapsAtThePeaks)
     EXPECT_EQ(distort_x.SpaceTime.fData[100], 100.0f);  // the maps themselves stay as they were
 }
 
-TEST(UpdateNonlinearAlignmentParameters, ZeroCoefficientsClearAllFourMaps)
-{
-    make_model(8, 8, 8, {2, 2, 2});
-    std::mt19937 rng{3};
-    std::uniform_real_distribution<float> u(-2, 2);
-    for (data_stack *s : {&distort_x, &distort_y, &distort_z, &distort_d})
-        for (int i = 0; i < s->n4d; i++) s->SpaceTime.fData[i] = u(rng);
-    // the coefficients are read at the peaks: zero there means all coefficients are zero
-    for (int n = 0; n < AlignNL.NBasis; n++) {
-        IPOINT3D p = AlignNL.Index3DPeak[n];
-        for (data_stack *s : {&distort_x, &distort_y, &distort_z})
-            s->SpaceTime.fData[index4d_stack(s, p.x, p.y, p.z, 0)] = 0.0f;
-    }
-    update_nonlinear_alignment_parameters(1);
-    for (int n = 0; n < 3 * AlignNL.NBasis; n++) ASSERT_EQ(AlignNL.value[n], 0.0f);
-    for (data_stack *s : {&distort_x, &distort_y, &distort_z, &distort_d})
-        for (int i = 0; i < s->n3d; i++) ASSERT_EQ(s->SpaceTime.fData[i], 0.0f);
-}
-
 TEST(UpdateNonlinearAlignmentParameters, MapsAreTheSumOfTheBasesInTheirBoxes)
 {
     make_model(12, 10, 8, {3, 2, 2});
@@ -239,20 +202,6 @@ TEST(UpdateNonlinearAlignmentParameters, MapsAreTheSumOfTheBasesInTheirBoxes)
             for (int x = 0; x < 12; x++) ASSERT_NEAR(map_at(&distort_x, x, y, z), x_map_oracle(x, y, z), 1e-5);
 }
 
-TEST(UpdateNonlinearAlignmentParameters, BoxEndGetsNoContribution)
-{
-    make_model(16, 16, 16, {2, 2, 2});  // half-width 8: bases (0,0,8) (0,8,16) (8,15,16)
-    // basis 1 is odd along x (box 0..16, peak 8) and even along y and z (box 0..8)
-    distort_x.SpaceTime.fData[index4d_stack(&distort_x, 8, 0, 0, 0)] = 1.0f;
-    update_nonlinear_alignment_parameters(1);
-    ASSERT_EQ(AlignNL.value[1], 1.0f);
-    // y = 8 is the box end: the shape there is cos^2 of a little more than pi/2, tiny but not 0
-    EXPECT_GT(NL_Basis_function(1, {8, 8, 0}), 0.0f);
-    EXPECT_EQ(map_at(&distort_x, 8, 8, 0), 0.0f);
-    EXPECT_EQ(map_at(&distort_x, 8, 7, 0), NL_Basis_function(1, {8, 7, 0}));
-    EXPECT_EQ(map_at(&distort_x, 8, 0, 0), 1.0f);
-}
-
 TEST(UpdateNonlinearAlignmentParameters, GaussianSmoothingSpreadsTheMapsBeforeSampling)
 {
     make_model(16, 16, 16, {4, 4, 2});  // half-widths 4, 4, 8
@@ -267,21 +216,6 @@ TEST(UpdateNonlinearAlignmentParameters, GaussianSmoothingSpreadsTheMapsBeforeSa
     EXPECT_GT(spread, 0.0f);
     EXPECT_LT(spread, 5.0f);
     EXPECT_GT(map_at(&distort_y, p.x + 1, p.y, p.z), 0.0f);
-}
-
-TEST(UpdateNonlinearAlignmentParameters, RefreshesTheDisplayOnlyWhenItShowsAMap)
-{
-    make_model(8, 8, 8, {2, 2, 2});
-    DisplayHooks = {};
-    DisplayHooks.update_image_and_graph = count_refresh;
-    refresh_calls = 0;
-    AlignAid.DisplayType = 1;
-    update_nonlinear_alignment_parameters(0);
-    EXPECT_EQ(refresh_calls, 0);
-    AlignAid.DisplayType = 2;
-    update_nonlinear_alignment_parameters(0);
-    EXPECT_EQ(refresh_calls, 1);
-    DisplayHooks = {};
 }
 
 TEST(SetAlignNLValue, ChangesTheMapOnlyInsideTheBasisBox)
@@ -323,24 +257,6 @@ TEST(SetAlignNLValue, ChangesTheMapOnlyInsideTheBasisBox)
                     EXPECT_EQ(individual.SpaceTime.fData[i], -3.0f);
                 }
             }
-}
-
-TEST(SetAlignNLValue, TheMapFollowsTheRecordsCurrentCoefficient)
-{
-    make_model(8, 8, 8, {2, 2, 2});
-    Alignment = {};
-    Alignment.value[6] = Alignment.value[7] = Alignment.value[8] = 1.0f;
-    Alignment.dimension = template_.dim;
-    Alignment.resolution = template_.resolution;
-    Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_);
-    Alignment.xyz_to_ijk = centered_xyz_to_ijk(original);
-    int nb = AlignNL.NBasis;
-    AlignNL.iBasis = 0;
-    AlignNL.iCoeff = 2 * nb;  // z map, though the argument names the x coefficient
-    Set_AlignNL_Value(0, 2.0f);
-    EXPECT_EQ(AlignNL.value[0], 2.0f);
-    EXPECT_EQ(map_at(&distort_x, 0, 0, 0), 0.0f);
-    EXPECT_EQ(map_at(&distort_z, 0, 0, 0), 2.0f);
 }
 
 TEST(CreateBasisFunctionImage, WritesTheCurrentBasisInsideItsBoxOnly)

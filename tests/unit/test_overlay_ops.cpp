@@ -89,19 +89,6 @@ struct OverlayOps : ::testing::Test {
     }
 };
 
-TEST_F(OverlayOps, StartValues)
-{
-    EXPECT_STREQ(ovl_root.name, "none");
-    EXPECT_EQ(ovl_root.color, 7);
-    EXPECT_EQ(ovl_root.active, 1);
-    EXPECT_EQ(ovl_root.npts, 0);
-    EXPECT_EQ(overlay_map.number, 1);
-    EXPECT_STREQ(wire_root.name, "none");
-    EXPECT_EQ(wire_root.active, 1);
-    EXPECT_EQ(wire_root.control, nullptr);
-    EXPECT_EQ(count_map(), 0);
-}
-
 TEST_F(OverlayOps, RootAndMapRebuildEachOtherInVoxelOrderWithNaNBelonging)
 {
     overlay_map.weight[at(4, 0, 2)] = 0.5f;

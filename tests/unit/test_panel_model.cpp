@@ -68,16 +68,6 @@ TEST_F(Panel, QuarterTurnsWrapWithinMinusOneToTwo)
     EXPECT_EQ(row(2), "Rot. z  90");
 }
 
-TEST_F(Panel, OrientationChangeFirstReturnsToDisplayTypeZero)
-{
-    AlignAid.DisplaySet = 0;
-    AlignAid.iParameter = 1;
-    AlignAid.DisplayType = 3;
-    panel_change_value(0);
-    EXPECT_EQ(AlignAid.DisplayType, 0);
-    EXPECT_EQ(Alignment.OrientRotation.y, 1);
-}
-
 TEST_F(Panel, SwapZAndParityRows)
 {
     AlignAid.DisplaySet = 0;
@@ -102,24 +92,6 @@ TEST_F(Panel, SwapZAndParityRows)
     EXPECT_EQ(row(9), "Down-sampling");
     EXPECT_EQ(panel_row_item(14), 9);
     EXPECT_EQ(panel_row_item(15), -1);
-}
-
-TEST_F(Panel, SetupLabelsByteExact)
-{
-    AlignAid.DisplaySet = 0;
-    AlignAid.smooth_fov_fraction = 4;
-    AlignAid.SubSampleSetting = {3, 6, 2};
-    AlignAid.SubSample = AlignAid.SubSampleSetting;
-    EXPECT_STREQ(panel_heading(), "  Setup  ");
-    EXPECT_EQ(row(8), "rolloff 4");
-    EXPECT_EQ(row(9), "overlay");
-    EXPECT_EQ(row(11), "Down-sampling");
-    EXPECT_EQ(row(12), " x    3");
-    EXPECT_EQ(row(13), " y    6");
-    EXPECT_EQ(row(14), " z    2");
-    EXPECT_EQ(row(16), "<empty>");
-    AlignAid.SubSampleSetting.z = 1;
-    EXPECT_EQ(row(16), "change res.");
 }
 
 TEST_F(Panel, DownSamplingStaysWithinOneToEightAndCouplesYZ)
@@ -235,25 +207,6 @@ TEST_F(Panel, AffineValueChangeMovesByIncrementAndMarksAdjust)
     EXPECT_EQ(row(1), "x increment 0.5");
     AlignAid.Adjust[6] = 0;
     EXPECT_EQ(row(6), "  size-x   1.00");
-}
-
-TEST_F(Panel, HeadingsAndSetChangeWrap)
-{
-    AlignAid.DisplaySet = 2;
-    AlignAid.iParameter = 5;
-    panel_change_set(1);
-    EXPECT_EQ(AlignAid.DisplaySet, 0);
-    EXPECT_EQ(AlignAid.iLastParShown, 9);
-    EXPECT_EQ(AlignAid.iParameter, 0);
-    panel_change_set(0);
-    EXPECT_EQ(AlignAid.DisplaySet, 2);
-    EXPECT_STREQ(panel_heading(), "Non-linear");
-    panel_change_set(0);
-    EXPECT_EQ(AlignAid.DisplaySet, 1);
-    Alignment.RigidBody = 0;
-    EXPECT_STREQ(panel_heading(), "deck-of-cards");
-    Alignment.RigidBody = 1;
-    EXPECT_STREQ(panel_heading(), " Affine ");
 }
 
 TEST_F(Panel, NonLinearRowsByteExact)
@@ -373,21 +326,6 @@ TEST_F(Panel, BasisNumberWrapsAndFieldsToggle)
     EXPECT_EQ(AlignAid.Adjust[9], 0);
 }
 
-TEST_F(Panel, DisplayTypeStepsAndSpaceSwap)
-{
-    AlignAid.DisplayType = 5;
-    action_change_display_type(1);
-    EXPECT_EQ(AlignAid.DisplayType, 0);
-    action_change_display_type(-1);
-    EXPECT_EQ(AlignAid.DisplayType, 5);
-    action_change_display_type(0);
-    EXPECT_EQ(AlignAid.DisplayType, 0);
-    action_change_display_type(0);
-    EXPECT_EQ(AlignAid.DisplayType, 1);
-    action_change_display_type(0);
-    EXPECT_EQ(AlignAid.DisplayType, 0);
-}
-
 TEST_F(Panel, AffineResetAndRecallToggle)
 {
     AlignAid.DisplaySet = 1;
@@ -408,24 +346,6 @@ TEST_F(Panel, AffineResetAndRecallToggle)
     EXPECT_TRUE(std::isnan(AlignAid.saved_value[10]));
 }
 
-TEST_F(Panel, DisplacementResetAndRecallToggle)
-{
-    AlignAid.DisplaySet = 2;
-    ASSERT_GE(distort_y.nt, 2);
-    int n = distort_y.n3d;
-    distort_y.SpaceTime.fData[5] = 0.7f;
-    AlignNL.Adjusted = {1, 1, 1};
-    reset_or_recall_parameters();
-    EXPECT_FLOAT_EQ(distort_y.SpaceTime.fData[5], 0.0f);
-    EXPECT_FLOAT_EQ(distort_y.SpaceTime.fData[n + 5], 0.7f);
-    EXPECT_EQ(AlignNL.Adjusted.x + AlignNL.Adjusted.y + AlignNL.Adjusted.z, 0);
-    reset_or_recall_parameters();
-    EXPECT_FLOAT_EQ(distort_y.SpaceTime.fData[5], 0.7f);
-    EXPECT_EQ(AlignNL.Adjusted.x, 0);
-    EXPECT_EQ(AlignNL.Adjusted.y, 1);
-    EXPECT_EQ(AlignNL.Adjusted.z, 0);
-}
-
 TEST_F(Panel, FullAlignmentWithNothingSelectedPrintsInOrder)
 {
     AlignAid.smooth_fov_fraction = 4;
@@ -441,23 +361,6 @@ TEST_F(Panel, FullAlignmentWithNothingSelectedPrintsInOrder)
               "Otherwise, use a brain overlay before this step.\n"
               "No affine parameters are selected; skip affine alignment.\n");
     for (int j = 0; j < 12; j++) EXPECT_EQ(AlignAid.Adjust[j], 1) << j;
-}
-
-TEST_F(Panel, RolloffWithoutPromptToggles)
-{
-    AlignAid.DisplaySet = 0;
-    AlignAid.iParameter = 4;
-    AlignAid.smooth_fov_fraction = 0;
-    panel_change_value(0);
-    EXPECT_EQ(AlignAid.smooth_fov_fraction, 4);
-    panel_rolloff_prompt = [](const char *deflt, char *answer) {
-        EXPECT_STREQ(deflt, "0");
-        snprintf(answer, 1024, "6");
-        return 1;
-    };
-    panel_change_value(0);
-    EXPECT_EQ(AlignAid.smooth_fov_fraction, 6);
-    panel_rolloff_prompt = NULL;
 }
 
 TEST(OverlayFilter, ClearedOverlayLeavesAnEmptyMask)

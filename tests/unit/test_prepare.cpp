@@ -88,20 +88,6 @@ TEST(InitializeMosaicOvl, WorkingVolumesTakeTheirHeadersAndZeroedFields)
     EXPECT_GT(mosaic.ImageRegionPixels.x, 0);
 }
 
-TEST(InitializeMosaicOvl, NumberOfPanelsRule)
-{
-    start_up(4, 4, 10, 2, 2, 2, 1, 0);
-    EXPECT_EQ(mosaic.DimPanels.z, 10);
-    EXPECT_EQ(mosaic.negative_panels, 0);
-    start_up(4, 4, 10, 2, 2, 2, 1, 3);
-    EXPECT_EQ(mosaic.DimPanels.z, 3);
-    start_up(4, 4, 10, 2, 2, 2, 1, 25);
-    EXPECT_EQ(mosaic.DimPanels.z, 10);
-    start_up(4, 4, 10, 2, 2, 2, 1, -2);
-    EXPECT_EQ(mosaic.DimPanels.z, 4);
-    EXPECT_EQ(mosaic.negative_panels, 1);
-}
-
 TEST(DownsampleStack, HalvingKeepsConstantsAndInteriorRampsAndSetsTheCoarseGeometry)
 {
     data_stack s;
@@ -174,22 +160,6 @@ TEST(DownsampleStack, ComplexPairsAndTheProgressLine)
             ASSERT_NEAR(s.SpaceTime.fData[2 * n + 1], -1.0f + t, 1e-5);
         }
     free_stack(&s);
-}
-
-TEST(ActionChangeResolution, ARequestEqualToTheStepsInForceChangesNothing)
-{
-    start_up(6, 6, 6, 6, 6, 6, 1, 0);
-    initialize_alignment();
-    AlignAid.SubSampleSetting = {1, 1, 1};
-    AlignAid.SubSample = {1, 1, 1};
-    install_counting_hooks();
-    float *data = template_.SpaceTime.fData;
-    Alignment.dimension = {-7, -7, -7};
-    action_change_resolution();
-    EXPECT_EQ(template_.SpaceTime.fData, data);
-    EXPECT_EQ(Alignment.dimension.x, -7);
-    EXPECT_EQ(redraws + panel_redraws + graph_redraws, 0);
-    DisplayHooks = {};
 }
 
 TEST(ActionChangeResolution, ReducingAndRestoringTheTemplateGrid)

@@ -58,23 +58,6 @@ TEST(ImagePixel, OverlayTintsBlendWithGreyByWeight)
     EXPECT_EQ(image_pixel(40.0f, 0, 0.5f, 0, 0, 1), rgb(0, 178, 178));
 }
 
-TEST(ImagePixel, TransparentOverlayIsAlways85PercentGrey)
-{
-    grey_window_0_100();
-    mosaic.transparent_overlay = 1;
-    /* grey 102: 0.85*102 + 0.15*255 = 86.7 + 38.25 = 124.95 -> 124, whatever the weight */
-    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0, 0, 2), rgb(124, 0, 0));
-    EXPECT_EQ(image_pixel(40.0f, 0, 0.2f, 0, 0, 2), rgb(124, 0, 0));
-}
-
-TEST(ImagePixel, HighlightWinsOverOverlay)
-{
-    grey_window_0_100();
-    EXPECT_EQ(image_pixel(40.0f, 0, 1.0f, 0, 1.0f, 2), rgb(255, 255, 0));
-    /* weight 0.5 on grey 102 -> 178 in red and green */
-    EXPECT_EQ(image_pixel(40.0f, 0, 0, 0, 0.5f, 0), rgb(178, 178, 0));
-}
-
 TEST(ImagePixel, CrosshairStyleOneBlendsWithGreyNotWithOverlay)
 {
     grey_window_0_100();
@@ -182,21 +165,6 @@ static void plane_layout(int nx, int ny, int nz, float rx, float ry, float rz, i
     mosaic.zoom = zoom;
 }
 
-TEST(CreateNeighborhood, WholeVoxelsAtZoomOneAreOnGrid)
-{
-    plane_layout(4, 3, 2, 1, 1, 1, 1);
-    create_neighborhood(0);
-    ASSERT_NE(mosaic.NeighborsXY, nullptr);
-    EXPECT_EQ(mosaic.OnGridXY, 1);
-    const Neighborhood &e = mosaic.NeighborsXY[2 * 4 + 3];
-    EXPECT_EQ(e.number, 1);
-    EXPECT_EQ(e.address[0].x, 3);
-    EXPECT_EQ(e.address[0].y, 2);
-    EXPECT_EQ(e.weight[0], 1.0f);
-    invert_neighborhood(0);
-    EXPECT_EQ(mosaic.NeighborsXY, nullptr);
-}
-
 TEST(CreateNeighborhood, InterpolationWrapsTheFirstPixelToTheLastVoxel)
 {
     plane_layout(4, 4, 1, 1, 1, 1, 2);
@@ -296,29 +264,6 @@ static void mosaic_of_coded_voxels(int zoom)
 
 static int grey_of(unsigned int p) { return (int)(p & 255u); }
 
-TEST(MakeMosaicImages, VoxelsLandInTheirPanelsBetweenBlackBorders)
-{
-    mosaic_of_coded_voxels(2);
-    std::vector<unsigned int> px((size_t)mosaic.ImageRegionPixels.x * mosaic.ImageRegionPixels.y, 7u);
-    make_mosaic_images(px.data());
-    int W = mosaic.ImageRegionPixels.x;
-    /* voxel (x, y, z) of panel z at ((5c + c + 1 + x) * 2, (4r + r + 1 + y) * 2), both zoomed copies */
-    for (int z = 0; z < 3; z++) {
-        int c = z % 2, r = z / 2;
-        for (int y = 0; y < 4; y++)
-            for (int x = 0; x < 5; x++) {
-                int X = (5 * c + c + 1 + x) * 2, Y = (4 * r + r + 1 + y) * 2;
-                EXPECT_EQ(grey_of(px[(size_t)Y * W + X]), x + 5 * y + 20 * z);
-                EXPECT_EQ(px[(size_t)(Y + 1) * W + X + 1], px[(size_t)Y * W + X]);
-            }
-    }
-    EXPECT_EQ(px[0], 0u);                                 /* outer border */
-    EXPECT_EQ(px[(size_t)2 * W + 12], 0u);                /* border between columns */
-    EXPECT_EQ(px[(size_t)(12 + 2) * W + 14 + 2], 0u);     /* the empty fourth cell */
-    EXPECT_EQ(mosaic.DimPanels.z, 3);
-    free_stack(&image_stack);
-}
-
 TEST(MakeMosaicImages, HiddenSlicesAreSkippedAndFlipTurnsPanels)
 {
     mosaic_of_coded_voxels(1);
@@ -396,21 +341,6 @@ TEST(MakeOrthogonalImages, ThreePlanesThroughTheCrosshair)
 }
 
 /* ---- keys and window rules ---- */
-
-TEST(KeysymToCode, NavigationKeysBecomeControlCodes)
-{
-    EXPECT_EQ(keysym_to_code(XK_Home), 13);
-    EXPECT_EQ(keysym_to_code(XK_End), 13);
-    EXPECT_EQ(keysym_to_code(XK_Left), 12);
-    EXPECT_EQ(keysym_to_code(XK_Up), 21);
-    EXPECT_EQ(keysym_to_code(XK_Right), 11);
-    EXPECT_EQ(keysym_to_code(XK_Down), 4);
-    EXPECT_EQ(keysym_to_code(XK_Prior), '+');
-    EXPECT_EQ(keysym_to_code(XK_Next), '-');
-    EXPECT_EQ(keysym_to_code(XK_Help), 'h');
-    EXPECT_EQ(keysym_to_code(XK_a), 0);
-    EXPECT_EQ(keysym_to_code(XK_Return), 0);
-}
 
 TEST(ContrastDrag, OneAxisIsAClick)
 {

@@ -44,16 +44,6 @@ struct SideFiles : ::testing::Test {
     static int index(int x, int y, int z) { return (z * 5 + y) * 6 + x; }
 };
 
-TEST_F(SideFiles, OverlayLineWithoutWeightGetsWeightOneInRootColour)
-{
-    write_text_file("a.ovl", "3 4 2\n\n  # a comment line\n1 0 3 0.25\n");
-    ASSERT_EQ(read_overlay_file("a.ovl", &ovl_root), 0);
-    EXPECT_EQ(overlay_map.weight[index(3, 4, 2)], 1.0f);
-    EXPECT_EQ(overlay_map.color[index(3, 4, 2)], 7);
-    EXPECT_EQ(overlay_map.weight[index(1, 0, 3)], 0.25f);
-    EXPECT_EQ(overlay_map.weight[index(0, 0, 0)], 0.0f);
-}
-
 TEST_F(SideFiles, OverlayFileRejectsWeightsOutsideUnitRangeAndBadLines)
 {
     const char *bad_weights[] = {"3 4 2 1.5\n", "3 4 2 -0.1\n"};
@@ -185,17 +175,6 @@ TEST_F(SideFiles, WireColourOneTakesTheListColourAndSecondFileAppends)
     write_text_file("empty.wire", "");
     EXPECT_EQ(read_wire_file("empty.wire", w, 5), 0);
     EXPECT_EQ(w->npts, 4);
-}
-
-TEST_F(SideFiles, WireFileIsWrittenWithTwoBlanksBeforeTheColour)
-{
-    write_text_file("a.wire", "1 2 3 5\n0.5 0 -1 1\n");
-    ASSERT_EQ(read_wire_file("a.wire", &wire_root, 6), 0);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(write_wire_file(), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "2 control points for a wireframe were written to file .wire\n");
-    EXPECT_EQ(read_text_file(".wire"), "1.000000 2.000000 3.000000  5\n0.500000 0.000000 -1.000000  6\n");
 }
 
 using WriteRoiStats = SideFiles;

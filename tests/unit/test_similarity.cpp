@@ -31,15 +31,6 @@ void set_pair(const std::vector<float> &tpl, const std::vector<float> &ind)
 
 }  // namespace
 
-TEST(CalculateVolumeAverages, OnlyVoxelsWithANonzeroTemplateCount)
-{
-    set_pair({0, 2, 4, 0, 6}, {100, 1, 2, 100, 6});
-    float ai, at;
-    calculate_volume_averages(&ai, &at);
-    EXPECT_FLOAT_EQ(ai, 3.0f);
-    EXPECT_FLOAT_EQ(at, 4.0f);
-}
-
 TEST(CalculateVolumeAverages, ReadsTheSelectedTimePoints)
 {
     make_stack(&template_, 2, 1, 1, 2);
@@ -89,12 +80,6 @@ TEST(CostFunction, MutualInformationIsLargestForTheMatchingIndividual)
     EXPECT_GT(matched, cost_function(0) + 0.5f);
 }
 
-TEST(CostFunction, ConstantIndividualGivesZeroInformation)
-{
-    set_pair({1, 5, 2, 8, 3}, {7, 7, 7, 7, 7});
-    EXPECT_EQ(cost_function(0), 0.0f);
-}
-
 TEST(CostFunction, ZeroIndividualAverageScalesByOne)
 {
     // individual average 0 -> divided by 1: (-1, 1, -2, 2); template (0.4 .. 1.6); range -2..2
@@ -105,12 +90,6 @@ TEST(CostFunction, ZeroIndividualAverageScalesByOne)
     EXPECT_NEAR(cost_function(0), log(4.0), 1e-6);
     set_pair({1, 1, 2, 2}, {-1, 1, -2, 2});
     EXPECT_NEAR(cost_function(0), log(2.0), 1e-6);
-}
-
-TEST(CostFunction, CorrelationOfEqualVolumesIsOneOverN)
-{
-    set_pair({3, 0, 1, 4, 1, 5, 0, 9}, {3, 42, 1, 4, 1, 5, -7, 9});
-    EXPECT_NEAR(cost_function(1), 1.0f / 6.0f, 1e-6);
 }
 
 TEST(CostFunction, CorrelationIsNotCentredAndIsDividedByTheCount)

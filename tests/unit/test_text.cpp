@@ -112,18 +112,6 @@ const char *MAIN_MENU = "!0 0\n"
 
 } // namespace
 
-TEST(GetLine, KeepsTheNewlineAndEndsWithNull)
-{
-    ScopedTempDir dir;
-    write_text_file("t.txt", "first\nsecond # not a comment here\n");
-    FILE *fp = fopen("t.txt", "r");
-    char line[1024];
-    EXPECT_STREQ(get_line(fp, line, sizeof line), "first\n");
-    EXPECT_STREQ(get_line(fp, line, sizeof line), "second # not a comment here\n");
-    EXPECT_EQ(get_line(fp, line, sizeof line), nullptr);
-    fclose(fp);
-}
-
 TEST(GetLine, ReadsUpTo1023CharactersWhateverSizeSays)
 {
     ScopedTempDir dir;
@@ -150,12 +138,6 @@ TEST(GetLineWithComment, EndsTheLineAtTheFirstHash)
     fclose(fp);
 }
 
-TEST(MyGetopt, PlainWordsAreImplicitIndividualFiles)
-{
-    ScopedTempDir dir;
-    EXPECT_EQ(scan_all({"align", "a.nii", "b.nii", "-t", "t.nii"}), "i@1 i@2 t@4 end 0");
-}
-
 TEST(MyGetopt, OnlyTheSecondCharacterCounts)
 {
     ScopedTempDir dir;
@@ -169,13 +151,6 @@ TEST(MyGetopt, UnknownOptionDoesNotAdvance)
     /* the caller stops at the first -1; the guard in scan_all ends the repetition */
     std::string got = scan_all({"align", "-q", "a.nii"});
     EXPECT_EQ(got.substr(0, 12), "?@1 ?@1 ?@1 ");
-}
-
-TEST(MyGetopt, ArgumentPositionStopsAtTheEndOfTheWords)
-{
-    ScopedTempDir dir;
-    EXPECT_EQ(scan_all({"align", "a.nii", "-t"}), "i@1 t@3 end 0");
-    EXPECT_EQ(scan_all({"align", "-", "x"}).substr(0, 4), "?@1 ");
 }
 
 TEST(ReadProgramInitFile, AppendsTheWordsOfTheFirstLineAfterTheProgramName)
@@ -192,21 +167,6 @@ TEST(ReadProgramInitFile, AppendsTheWordsOfTheFirstLineAfterTheProgramName)
     EXPECT_STREQ(arguments[5], "-y");
 }
 
-TEST(ReadProgramInitFile, MissingFileAndLeadingBlanks)
-{
-    ScopedTempDir dir;
-    static char arguments[100][1024] = {"align"};
-    int myargc = 1;
-    read_program_init_file(".align", arguments, &myargc);
-    EXPECT_EQ(myargc, 1);
-    /* a leading blank leaves an empty first word, so the program's name becomes an argument */
-    write_text_file(".align", " align a.nii\n");
-    read_program_init_file(".align", arguments, &myargc);
-    ASSERT_EQ(myargc, 3);
-    EXPECT_STREQ(arguments[1], "align");
-    EXPECT_STREQ(arguments[2], "a.nii");
-}
-
 TEST(ReadProgramInitFile, TableHoldsAtMostOneHundredWords)
 {
     ScopedTempDir dir;
@@ -218,20 +178,6 @@ TEST(ReadProgramInitFile, TableHoldsAtMostOneHundredWords)
     read_program_init_file(".align", arguments, &myargc);
     EXPECT_EQ(myargc, 100);
     EXPECT_STREQ(arguments[99], "w98");
-}
-
-TEST(ActionHelp, PrintsTheTextWithoutCommentsAfterAnEmptyLine)
-{
-    ScopedTempDir dir;
-    make_help_home();
-    /* a comment line vanishes whole; a trailing comment takes the newline with it */
-    write_text_file("home/documentation/align-startup.txt", "# note\nUsage # hidden\nsecond line\n");
-    write_text_file("home/documentation/align-interactive-help1.txt", "keys one\n");
-    write_text_file("home/documentation/align-interactive-help2.txt", "keys two\n");
-    snprintf(program_name, sizeof program_name, "align");
-    EXPECT_EQ(run_in_child("", [] { action_help(0, 2); return 0; }).out, "\nUsage second line\n");
-    EXPECT_EQ(run_in_child("", [] { action_help(1, 1); return 0; }).out, "\nkeys one\n");
-    EXPECT_EQ(run_in_child("", [] { action_help(1, 2); return 0; }).out, "\nkeys two\n");
 }
 
 TEST(HelpMenu, QInsideAMenuGoesBack)
@@ -257,21 +203,6 @@ TEST(HelpMenu, HeadersOutOfOrderAreRefused)
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "Help from file " + path + "\nWarning: menu entry 3 in file " + path +
                          " is 3 5,\nbut it should be either 1 2 or 2 1,\n");
-}
-
-TEST(HelpMenu, MissingFileAndMissingVariable)
-{
-    ScopedTempDir dir;
-    std::string home = make_help_home();
-    ChildResult r = run_in_child("", [] { return help_menu(0, "none.txt"); });
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "Error: cannot open the file " + home + "/documentation/none.txt.\n"
-                     "The environment variable QOR_HOME is set to " + home + "\n"
-                     "If this is incorrect, quit, define this environment variable, and re-start.\n");
-    unsetenv("QOR_HOME");
-    r = run_in_child("", [] { return help_menu(0, "align-menu.txt"); });
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "For help, quit and define the environment variable QOR_HOME, and then re-start.\n");
 }
 
 TEST(ApplyStartupOption, ZoomOutsideOneToTenBecomesAutomatic)
@@ -336,20 +267,6 @@ TEST(ApplyStartupOption, FlipsToggleAndThreePlanesSwitchOn)
     EXPECT_EQ(opts.batch_mode, 1);
 }
 
-TEST(ApplyStartupOption, PanelsAndSideFileNames)
-{
-    startup_options opts = {};
-    apply_startup_option('m', "6", &opts);
-    EXPECT_EQ(opts.number_panels, 6);
-    apply_startup_option('M', "six", &opts); /* not a number: the previous value stays */
-    EXPECT_EQ(opts.number_panels, 6);
-    apply_startup_option('o', "a.ovl", &opts);
-    apply_startup_option('O', "b.ovl", &opts);
-    apply_startup_option('w', "c.wire", &opts);
-    EXPECT_STREQ(opts.ovl_name, "b.ovl");
-    EXPECT_STREQ(opts.wire_name, "c.wire");
-}
-
 TEST(ApplyStartupOption, FileOptionsBuildOrderedLists)
 {
     clear_list(&individual_files);
@@ -369,30 +286,4 @@ TEST(ApplyStartupOption, FileOptionsBuildOrderedLists)
     EXPECT_EQ(template_files.next, nullptr);
     clear_list(&individual_files);
     clear_list(&template_files);
-}
-
-TEST(ApplyStartupOption, LettersWithoutAnActionAreReturned)
-{
-    startup_options opts = {};
-    EXPECT_EQ(apply_startup_option('1', "-1", &opts), 1);
-    EXPECT_EQ(apply_startup_option('z', "3", &opts), 0);
-}
-
-TEST(AddImageFile, FillsAnEmptyHeadThenAppendsAtTheTail)
-{
-    file_list list = {};
-    add_image_file(&list, "", 0, 0);
-    EXPECT_STREQ(list.file_name, "");
-    EXPECT_EQ(list.next, nullptr);
-    add_image_file(&list, "x.nii", 1, 6);
-    EXPECT_STREQ(list.file_name, "x.nii");
-    EXPECT_EQ(list.scale_log, 1);
-    EXPECT_EQ(list.type, 6);
-    add_image_file(&list, "y.nii", 0, 0);
-    add_image_file(&list, "z.nii", 0, 0);
-    ASSERT_NE(list.next, nullptr);
-    ASSERT_NE(list.next->next, nullptr);
-    EXPECT_STREQ(list.next->next->file_name, "z.nii");
-    EXPECT_EQ(list.next->next->next, nullptr);
-    clear_list(&list);
 }

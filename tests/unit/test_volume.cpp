@@ -45,16 +45,6 @@ void set_displayed_pair_stack(int data_type, int nx, int ny, int nz, int nt)
 
 } // namespace
 
-TEST(Index4d, ElementOrderIsXFastestThenYZT)
-{
-    set_displayed_stack_for_test(4, 3, 2, 2);
-    EXPECT_EQ(index4d(0, 0, 0, 0), 0);
-    EXPECT_EQ(index4d(1, 2, 1, 0), 1 + 2 * 4 + 1 * 12);
-    EXPECT_EQ(index4d(3, 2, 1, 1), 2 * 24 - 1);
-    IPOINT3D v = {3, 1, 1};
-    EXPECT_EQ(voxel3D_to_1D(v), 3 + 4 + 12);
-}
-
 TEST(Index4d, CoordinateEqualToDimensionStopsTheProgram)
 {
     set_displayed_stack_for_test(4, 3, 2, 2);
@@ -77,22 +67,6 @@ TEST(Voxel3DTo1D, OutOfRangeVoxelStopsTheProgram)
                 "\\(i,j,k\\) = \\(0,0,-1\\)");
 }
 
-TEST(MosaicData1d, IndexBeyondTheVolumeStopsTheProgram)
-{
-    set_displayed_stack_for_test(4, 3, 2, 3);
-    image_stack.SpaceTime.fData[23] = 7.5f;
-    EXPECT_EQ(mosaic_data_1d(23), 7.5f);
-    EXPECT_EXIT({ fflush(stdout); dup2(2, 1); mosaic_data_1d(24); }, testing::ExitedWithCode(1),
-                "Programming error: index \\(24\\) out of range \\(24\\) in mosaic_data_1d");
-    EXPECT_EXIT({ fflush(stdout); dup2(2, 1); mosaic_data_1d(-1); }, testing::ExitedWithCode(1),
-                "index \\(-1\\) out of range \\(24\\)");
-}
-
-TEST(SampleValue, MagnitudeDataIgnoresTheDisplayMode)
-{
-    for (int mode = 0; mode < 6; mode++) EXPECT_EQ(sample_value(0, mode, -2.5f, 9.0f), -2.5f);
-}
-
 TEST(SampleValue, ComplexDataTable)
 {
     EXPECT_EQ(sample_value(1, 0, 3.0f, 4.0f), 5.0f);
@@ -111,12 +85,6 @@ TEST(SampleValue, MagnitudePhaseDataKeepsThePhaseInRadians)
     EXPECT_NEAR(sample_value(2, 2, 2.0f, 0.5f), 2.0 * cos(0.5), 1e-6);
     EXPECT_NEAR(sample_value(2, 3, 2.0f, 0.5f), 2.0 * sin(0.5), 1e-6);
     EXPECT_EQ(sample_value(2, 7, 2.0f, 0.5f), 0.0f);
-}
-
-TEST(SampleValue, UnknownDataTypeStopsTheProgram)
-{
-    EXPECT_EXIT({ fflush(stdout); dup2(2, 1); sample_value(5, 0, 1.0f, 1.0f); },
-                testing::ExitedWithCode(1), "Programming error: data type = 5 in function stack_data");
 }
 
 TEST(StackData4d, ComplexStacksAreIndexedByPairs)
@@ -153,14 +121,6 @@ TEST(CenteredIjkToXyz, EvenGridPutsTheOriginBetweenTheMiddleVoxels)
     expect_point(Convert_Voxel_to_Space({1, 2, 3}, &s), -1, 1, 3);
 }
 
-TEST(CenteredIjkToXyz, OddGridPutsTheMiddleVoxelAtTheOrigin)
-{
-    data_stack s = cube(5, 2.0f);
-    s.ijk_to_xyz = centered_ijk_to_xyz(s);
-    expect_point(Convert_Voxel_to_Space({2, 2, 2}, &s), 0, 0, 0);
-    expect_point(Convert_Voxel_to_Space({0, 4, 0}, &s), -4, 4, -4);
-}
-
 TEST(CenteredIjkToXyz, IgnoresTheStacksOwnOriginDirectionAndMatrix)
 {
     data_stack s = {};
@@ -176,14 +136,6 @@ TEST(CenteredIjkToXyz, IgnoresTheStacksOwnOriginDirectionAndMatrix)
     EXPECT_EQ(m.m[1][1], 2.0f);
     EXPECT_EQ(m.m[3][3], 1.0f);
     EXPECT_EQ(m.m[3][0], 0.0f);
-}
-
-TEST(CenteredXyzToIjk, IsTheInverseOfTheCentredMatrix)
-{
-    data_stack s = cube(4, 2.0f);
-    s.xyz_to_ijk = centered_xyz_to_ijk(s);
-    expect_point(Convert_Space_to_rVoxel({-3, -3, -3}, &s), 0, 0, 0, 1e-6f);
-    expect_point(Convert_Space_to_rVoxel({0, 0, 0}, &s), 1.5f, 1.5f, 1.5f, 1e-6f);
 }
 
 TEST(ConvertVoxelToSpace, NegativeDirectionRunsTheIndexBackwardsFromTheOrigin)
@@ -215,16 +167,6 @@ TEST(ConvertSpaceToRVoxel, RoundTripThroughAGeneralAffine)
         POINT3D back = Convert_Space_to_rVoxel(Convert_rVoxel_to_Space(v, &s), &s);
         expect_point(back, v.x, v.y, v.z, 1e-4f);
     }
-}
-
-TEST(GeneralAffineToMat44, RowsInOrderAndABottomRowOfIdentity)
-{
-    float r0[4] = {1, 2, 3, 4}, r1[4] = {5, 6, 7, 8}, r2[4] = {9, 10, 11, 12};
-    mat44 m = general_affine_to_mat44(r0, r1, r2);
-    EXPECT_EQ(m.m[0][3], 4);
-    EXPECT_EQ(m.m[1][0], 5);
-    EXPECT_EQ(m.m[2][2], 11);
-    for (int c = 0; c < 4; c++) EXPECT_EQ(m.m[3][c], c == 3 ? 1.0f : 0.0f);
 }
 
 TEST(InvertMat44, FullInverseOfAnAffineMatrix)

@@ -142,18 +142,6 @@ TEST(ReadQuillFile, EveryStorageTypeInBothByteOrdersConvertsByValue)
         }
 }
 
-TEST(ReadQuillFile, UnknownStorageReadsNothingAndSaysNothing)
-{
-    ScopedTempDir dir;
-    write_quill_volume("scan.raw", 2, 2, 1, 1, 0, 1, {});  // no storage-type line
-    write_binary_file("scan.raw", {});
-    data_stack s = empty_stack();
-    Load l = load_one(&s, "scan.raw");
-    EXPECT_EQ(l.result, 0);
-    EXPECT_EQ(l.nfiles, 1);
-    EXPECT_EQ(l.out, "");
-}
-
 TEST(ReadSpaceTimeData, NiftiScalingAndVoxelsAsStored)
 {
     ScopedTempDir dir;
@@ -170,18 +158,6 @@ TEST(ReadSpaceTimeData, NiftiScalingAndVoxelsAsStored)
         if (std::isnan(c.want)) EXPECT_TRUE(std::isnan(got));
         else EXPECT_FLOAT_EQ(got, c.want) << c.slope;
     }
-}
-
-TEST(ReadSpaceTimeData, NiftiVoxelsAreNeverSwapped)
-{
-    ScopedTempDir dir;
-    NiftiFixture f = nifti_fixture(2, 1, 1, 1, 1.0f, DT_INT16);
-    f.other_byte_order = true;
-    write_nifti("o.nii", f, encode_values({258, 3}, 1, machine_byte_order()));
-    data_stack s = empty_stack();
-    ASSERT_EQ(load_one(&s, "o.nii").result, 0);
-    EXPECT_FLOAT_EQ(s.SpaceTime.fData[0], 258.0f);
-    EXPECT_FLOAT_EQ(s.SpaceTime.fData[1], 3.0f);
 }
 
 TEST(ReadSpaceTimeData, ComplexDataHoldsInterleavedPairs)
@@ -215,16 +191,6 @@ TEST(ReadSpaceTimeData, DataTypesMustMatchTheRunsFirstFileExceptForActivations)
     l = load_one(&activation_stack, "cplx.bfloat");
     EXPECT_EQ(l.result, 1);
     EXPECT_EQ(l.out, "Activation overlays cannot be complex.\n");
-}
-
-TEST(ReadSpaceTimeData, ActivationMayBeRealAfterAComplexFirstFile)
-{
-    ScopedTempDir dir;
-    write_quill_volume("real.bfloat", 2, 1, 1, 1, 2, 1, {1, 2});
-    write_quill_volume("cplx.bfloat", 2, 1, 1, 1, 2, 1, {1, 2, 3, 4}, "data-type complex\n");
-    ASSERT_EQ(load_one(&original_unfiltered, "cplx.bfloat").result, 0);
-    EXPECT_EQ(load_one(&activation_stack, "real.bfloat").result, 0);
-    EXPECT_EQ(load_one(&template_unfiltered, "real.bfloat").result, 1);
 }
 
 TEST(ReadSpaceTimeData, DimensionsMustMatchAndResolutionOnlyWarns)
@@ -315,16 +281,6 @@ TEST(ReadSpaceTimeData, StacksTooLargeForTheAllocatorAreRefused)
     Load l = load(&s, f);
     EXPECT_EQ(l.result, 1);
     EXPECT_EQ(l.out, "Error: 4 volumes of 268435456 values each are too many to hold in memory.\n");
-    EXPECT_EQ(s.SpaceTime.fData, nullptr);
-}
-
-TEST(ReadSpaceTimeData, EmptyListLoadsNothing)
-{
-    Files f({{"", 0}});
-    data_stack s = empty_stack();
-    Load l = load(&s, f);
-    EXPECT_EQ(l.result, 0);
-    EXPECT_EQ(l.nfiles, 0);
     EXPECT_EQ(s.SpaceTime.fData, nullptr);
 }
 
