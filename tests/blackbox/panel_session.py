@@ -127,6 +127,10 @@ def scenario_overlays(s):
     want = sorted(mirrored.items(), key=lambda vw: (vw[0][2], vw[0][1], vw[0][0]))
     expected = [[str(x), str(y), str(z)] + ([] if w == 1.0 else ["%g" % w]) for (x, y, z), w in want]
     check(rows == expected, ".ovl lists the mirrored voxels, z outermost, weights other than 1 (%s)" % rows)
+    s.key("d")
+    expect_overlay(s, {}, "", "'d' clears the overlay")
+    s.key("r")
+    expect_overlay(s, mirrored, "yellow", "'r' reads .ovl back")
     quit_yes(s)  # standard output reaches the file at the latest when align ends
     check("4 pixels (total weight = 3.5) written to file .ovl" in open("stdout.txt").read(),
           "the count and total weight are reported")
