@@ -26,8 +26,12 @@ static void usage(void)
            "  make_test_volumes mapping-error <template.nii[.gz]> <align.com> tx ty tz phi_xy phi_xz phi_yz sx sy sz [kxy kxz kyz]\n"
            "      mean and max distance in mm, over the template's non-zero voxels, between the\n"
            "      template-to-individual mappings of the given parameters and of the ones in align.com\n"
-           "      (the individual is taken to share the template's grid). Prints\n"
-           "      \"mean_error_mm <m>\" and \"max_error_mm <m>\".\n"
+           "      (the individual is taken to share the template's grid). When align.com names a\n"
+           "      distortion file (registration-distortions), its displacements are added to the\n"
+           "      recovered mapping. Prints \"mean_error_mm <m>\" and \"max_error_mm <m>\".\n"
+           "  make_test_volumes halve <in.nii[.gz]> <out.nii>\n"
+           "      averages the 2 mm cube around each new voxel (2x2x2 blocks for even sizes) and\n"
+           "      doubles the voxel size; n voxels become n/2 with the same centred frame.\n"
            "  make_test_volumes shifted-phantom <shift_mm> <ind.nii> <tpl.nii>\n"
            "      a 48^3 phantom of 2 mm voxels (tpl.nii) and the same moved by shift_mm along x\n"
            "      (ind.nii); prints the parameters that undo the shift: \"translation <x> 0 0\".\n");
@@ -241,8 +245,9 @@ static int command_moved(int argc, char **argv)
 }
 
 /* The affine values of the set lines of align.com (other lines are ignored). */
-static int read_align_com(const char *name, float p[12], int *rigid_body)
+static int read_align_com(const char *name, float p[12], int *rigid_body, char distortions[1024])
 {
+    distortions[0] = '\0';
     FILE *fp = fopen(name, "r");
     if (fp == NULL) {
         printf("Error: cannot open %s\n", name);
@@ -259,6 +264,7 @@ static int read_align_com(const char *name, float p[12], int *rigid_body)
         if (sscanf(line, "%1023s %1023s", word, keyword) != 2) continue;
         if (strcmp(keyword, "registration-type") == 0 && sscanf(line, "%*s %*s %1023s", type) == 1)
             *rigid_body = strcmp(type, "deck-of-cards") == 0 ? 0 : 1;
+        if (strcmp(keyword, "registration-distortions") == 0) sscanf(line, "%*s %*s %1023s", distortions);
         for (int k = 0; k < 4; k++)
             if (strcmp(keyword, names[k]) == 0 && sscanf(line, "%*s %*s %f %f %f", &a, &b, &c) == 3) {
                 p[3 * k] = a;
@@ -286,7 +292,22 @@ static int command_mapping_error(int argc, char **argv)
     data_stack tpl;
     memset(&tpl, 0, sizeof tpl);
     if (read_volume(argv[2], &tpl)) return 1;
-    if (read_align_com(argv[3], recovered, &rigid_body)) return 1;
+    char distortion_name[1024];
+    if (read_align_com(argv[3], recovered, &rigid_body, distortion_name)) return 1;
+    /* The deformation found by the non-linear alignment: x, y, z maps in mm on the template
+       grid, added to the affine image of each template point. */
+    data_stack maps;
+    memset(&maps, 0, sizeof maps);
+    const float *shift[3] = {NULL, NULL, NULL};
+    if (distortion_name[0] != '\0') {
+        if (read_volume(distortion_name, &maps)) return 1;
+        if (maps.dim.x != tpl.dim.x || maps.dim.y != tpl.dim.y || maps.dim.z != tpl.dim.z || maps.nt < 3) {
+            printf("Error: %s does not hold three maps on the template grid\n", distortion_name);
+            return 1;
+        }
+        for (int k = 0; k < 3; k++) shift[k] = maps.SpaceTime.fData + (size_t)k * (size_t)tpl.n3d;
+        printf("distortions %s\n", distortion_name);
+    }
     dmat true_map, found_map;
     voxel_mapping(truth, 1, tpl, true_map);
     voxel_mapping(recovered, rigid_body, tpl, found_map);
@@ -295,12 +316,19 @@ static int command_mapping_error(int argc, char **argv)
     for (int z = 0; z < tpl.dim.z; z++)
         for (int y = 0; y < tpl.dim.y; y++)
             for (int x = 0; x < tpl.dim.x; x++) {
-                if (tpl.SpaceTime.fData[x + tpl.dim.x * (y + tpl.dim.y * z)] == 0.0f) continue;
+                size_t i = (size_t)x + (size_t)tpl.dim.x * (y + (size_t)tpl.dim.y * z);
+                if (tpl.SpaceTime.fData[i] == 0.0f) continue;
                 double a[3], b[3];
                 apply(true_map, x, y, z, a);
                 apply(found_map, x, y, z, b);
+                /* in mm: the centred frame scales voxel differences by the voxel size */
                 double dx = (a[0] - b[0]) * tpl.resolution.x, dy = (a[1] - b[1]) * tpl.resolution.y,
                        dz = (a[2] - b[2]) * tpl.resolution.z;
+                if (shift[0] != NULL) {
+                    dx -= shift[0][i];
+                    dy -= shift[1][i];
+                    dz -= shift[2][i];
+                }
                 double d = sqrt(dx * dx + dy * dy + dz * dz);
                 sum += d;
                 if (d > largest) largest = d;
@@ -362,6 +390,56 @@ static int command_shifted_phantom(int argc, char **argv)
     return 0;
 }
 
+/* Weights of the old voxels 0..n-1 that the new voxel i of n/2 covers: its 2-voxel-wide cube
+   is centred at old position (n-1)/2 + 2(i - (n/2-1)/2), so that both grids share their
+   centre; each old voxel weighs by its overlap with the cube (1, or 1/2 at the cube's faces
+   for odd n). Returns the first old index; w[0..3] the weights from there. */
+static int halve_weights(int n, int i, double w[4])
+{
+    double centre = (n - 1) / 2.0 + 2.0 * (i - (n / 2 - 1) / 2.0);
+    int first = (int)floor(centre - 1.0 + 0.5);
+    for (int k = 0; k < 4; k++) {
+        double lo = first + k - 0.5, hi = first + k + 0.5;
+        double a = lo > centre - 1.0 ? lo : centre - 1.0, b = hi < centre + 1.0 ? hi : centre + 1.0;
+        w[k] = b > a && first + k < n ? (b - a) / 2.0 : 0.0;
+    }
+    return first;
+}
+
+static int command_halve(int argc, char **argv)
+{
+    if (argc != 4) {
+        usage();
+        return 1;
+    }
+    data_stack in;
+    memset(&in, 0, sizeof in);
+    if (read_volume(argv[2], &in)) return 1;
+    IPOINT3D n = {in.dim.x / 2, in.dim.y / 2, in.dim.z / 2};
+    if (n.x < 1 || n.y < 1 || n.z < 1) {
+        printf("Error: %s is too small to halve\n", argv[2]);
+        return 1;
+    }
+    std::vector<float> out((size_t)n.x * n.y * n.z, 0.0f);
+    for (int z = 0; z < n.z; z++)
+        for (int y = 0; y < n.y; y++)
+            for (int x = 0; x < n.x; x++) {
+                double wx[4], wy[4], wz[4], sum = 0.0;
+                int x0 = halve_weights(in.dim.x, x, wx), y0 = halve_weights(in.dim.y, y, wy),
+                    z0 = halve_weights(in.dim.z, z, wz);
+                for (int c = 0; c < 4; c++)
+                    for (int b = 0; b < 4; b++)
+                        for (int a = 0; a < 4; a++) {
+                            double w = wx[a] * wy[b] * wz[c];
+                            if (w == 0.0) continue;
+                            sum += w * in.SpaceTime.fData[(size_t)(x0 + a) + (size_t)in.dim.x * ((y0 + b) + (size_t)in.dim.y * (z0 + c))];
+                        }
+                out[(size_t)x + (size_t)n.x * (y + (size_t)n.y * z)] = (float)sum;
+            }
+    POINT3D r = {2.0f * in.resolution.x, 2.0f * in.resolution.y, 2.0f * in.resolution.z};
+    return write_float_nifti(argv[3], n, r, out.data());
+}
+
 int main(int argc, char **argv)
 {
     if (argc < 2) {
@@ -371,6 +449,7 @@ int main(int argc, char **argv)
     if (strcmp(argv[1], "moved") == 0) return command_moved(argc, argv);
     if (strcmp(argv[1], "mapping-error") == 0) return command_mapping_error(argc, argv);
     if (strcmp(argv[1], "shifted-phantom") == 0) return command_shifted_phantom(argc, argv);
+    if (strcmp(argv[1], "halve") == 0) return command_halve(argc, argv);
     usage();
     return 1;
 }

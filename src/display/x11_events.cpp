@@ -189,7 +189,7 @@ static void action_image_toggle_text_selection(int button)
 {
     switch (mosaic.text_selection) {
     case 1: action_key_question_mark(); break;
-    case 2: action_step_overlay_list(button == 1, 0); break;
+    case 2: action_step_overlay_list(button == 1, 0); build_image_display(1); break;
     case 4: mosaic.interpolate = !mosaic.interpolate; build_image_display(1); break;
     case 8: mosaic.display_crosshairs = (mosaic.display_crosshairs + 1) % 3; build_image_display(1); break;
     case 16: toggle_three_planes(); break;
