@@ -66,39 +66,6 @@ TEST(AutomaticallySetPanels, TableRowsAndTheLastRow)
     EXPECT_EQ(300 - c * r, 44);
 }
 
-TEST(ComputeDisplaySize, MosaicSizeWithoutColourBarAndWithOne)
-{
-    show_stack(20, 10, 6);
-    mosaic.zoom = 2;
-    mosaic.DimPanels.z = 0;  // all six slices: 3 x 2 panels
-    IPOINT2D rough = {0, 0};
-    IPOINT2D size = compute_display_size(&rough);
-    EXPECT_EQ(mosaic.DimPanels.x, 3);
-    EXPECT_EQ(mosaic.DimPanels.y, 2);
-    EXPECT_EQ(mosaic.DimPanels.z, 6);
-    EXPECT_EQ(mosaic.ImageRegionPixels.x, (3 * 20 + 3 + 1) * 2);
-    EXPECT_EQ(mosaic.ImageRegionPixels.y, (2 * 10 + 2 + 1) * 2);
-    EXPECT_EQ(mosaic.nx_ColorBar, 0);  // no activation map: the right panel follows the image
-    EXPECT_EQ(size.x, 128 + ALIGN_RIGHT_PANEL_WIDTH);
-    EXPECT_EQ(size.y, 46 + 75);
-    EXPECT_EQ(rough.x, 128);
-
-    mosaic.activation.imap = 1;  // 128/8 = 16 is clamped to 50
-    size = compute_display_size(NULL);
-    EXPECT_EQ(mosaic.nx_ColorBar, 50);
-    EXPECT_EQ(size.x, 128 + 50 + ALIGN_RIGHT_PANEL_WIDTH);
-    mosaic.zoom = 8;  // 512/8 = 64 stays
-    compute_display_size(NULL);
-    EXPECT_EQ(mosaic.nx_ColorBar, 64);
-
-    // Given columns: rows are the fewest that hold the panels.
-    mosaic.zoom = 1;
-    mosaic.DimPanels.x = 4;
-    compute_display_size(NULL);
-    EXPECT_EQ(mosaic.DimPanels.y, 2);
-    EXPECT_EQ(mosaic.ImageRegionPixels.x, 4 * 20 + 4 + 1);
-}
-
 TEST(ComputeDisplaySize, CoarseAxisIsStretchedInPixels)
 {
     show_stack(8, 6, 5, 1.0f, 1.0f, 3.0f);
@@ -173,36 +140,6 @@ TEST(CursorSelectionOnImageWindow, MosaicPixelsRoundTripToVoxelsInEveryOrientati
                         ASSERT_FALSE(mosaic.cursor_selection & 8);
                         ASSERT_TRUE(mosaic.cursor_selection & (128 << orientation)) << orientation;
                     }
-        }
-}
-
-TEST(CursorSelectionOnImageWindow, ThreePlanePixelsRoundTripToVoxels)
-{
-    for (int flip = 0; flip <= 1; flip++)
-        for (int zy = 0; zy <= 1; zy++) {
-            show_stack(6, 5, 4, 1.0f, 2.0f, 1.0f);
-            mosaic.display_3orthogonal = 1;
-            mosaic.display_ortho_ZY = zy;
-            mosaic.flip_X11_y = flip;
-            mosaic.zoom = 2;
-            compute_display_size(NULL);
-            int planes[3] = {0, 2, zy ? 1 : 3};
-            int bits[4] = {128, 256, 512, 1024};
-            for (int plane : planes)
-                for (int z = 0; z < 4; z++)
-                    for (int y = 0; y < 5; y++)
-                        for (int x = 0; x < 6; x++) {
-                            mosaic.icross = {x, y, z};  // the plane through the voxel
-                            POINT3D v = {(float)x, (float)y, (float)z};
-                            IPOINT2D p = Convert_rVoxel_to_Pixel(plane, v, 1);
-                            mosaic.cursor_selection = 1;
-                            CursorSelection_OnImageWindow(p.x, p.y + 30);
-                            ASSERT_TRUE(mosaic.cursor_selection & bits[plane]) << plane;
-                            ASSERT_TRUE(mosaic.cursor_selection & 2) << plane << " " << flip;
-                            ASSERT_EQ(mosaic.icursor.x, x) << plane << " " << flip;
-                            ASSERT_EQ(mosaic.icursor.y, y) << plane << " " << flip;
-                            ASSERT_EQ(mosaic.icursor.z, z) << plane << " " << flip;
-                        }
         }
 }
 

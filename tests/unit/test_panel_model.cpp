@@ -48,26 +48,6 @@ protected:
     }
 };
 
-TEST_F(Panel, QuarterTurnsWrapWithinMinusOneToTwo)
-{
-    AlignAid.DisplaySet = 0;
-    update_display_set();
-    AlignAid.iParameter = 0;
-    Alignment.OrientRotation.x = -1;
-    panel_change_value(1);
-    EXPECT_EQ(Alignment.OrientRotation.x, 2);
-    EXPECT_EQ(row(0), "Rot. x  180");
-    // A half turn about x reverses y: the orientation matrix must have been recomputed.
-    EXPECT_NEAR(Alignment.Orient[1][1], -1.0f, 1e-6);
-    panel_change_value(0);
-    EXPECT_EQ(Alignment.OrientRotation.x, -1);
-    EXPECT_EQ(row(0), "Rot. x  -90");
-    AlignAid.iParameter = 2;
-    panel_change_value(0);
-    EXPECT_EQ(Alignment.OrientRotation.z, 1);
-    EXPECT_EQ(row(2), "Rot. z  90");
-}
-
 TEST_F(Panel, SwapZAndParityRows)
 {
     AlignAid.DisplaySet = 0;
@@ -124,45 +104,6 @@ TEST_F(Panel, DownSamplingStaysWithinOneToEightAndCouplesYZ)
     EXPECT_EQ(AlignAid.SubSampleSetting.z, 1);
 }
 
-TEST_F(Panel, SetupSelectionStepsOverUnavailableItems)
-{
-    AlignAid.DisplaySet = 0;
-    update_display_set();
-    AlignAid.LowResolution = 0;
-    AlignAid.SubSampleSetting = AlignAid.SubSample;
-    ovl_root.npts = 3;
-    AlignAid.nmask = 0;
-    AlignAid.iParameter = 3;
-    panel_select_item(0);
-    EXPECT_EQ(AlignAid.iParameter, 4);
-    // Change res. is skipped while the down-sampling is unchanged: wrap from 8 to 0 and back.
-    AlignAid.iParameter = 8;
-    panel_select_item(0);
-    EXPECT_EQ(AlignAid.iParameter, 0);
-    panel_select_item(1);
-    EXPECT_EQ(AlignAid.iParameter, 8);
-    AlignAid.SubSampleSetting.x = AlignAid.SubSample.x + 1;
-    panel_select_item(0);
-    EXPECT_EQ(AlignAid.iParameter, 9);
-    panel_select_item(0);
-    EXPECT_EQ(AlignAid.iParameter, 0);
-    // Overlay filter skipped when the root overlay has exactly nmask points.
-    AlignAid.nmask = 3;
-    AlignAid.iParameter = 4;
-    panel_select_item(0);
-    EXPECT_EQ(AlignAid.iParameter, 6);
-    panel_select_item(1);
-    EXPECT_EQ(AlignAid.iParameter, 4);
-    // At low resolution both the rolloff and the overlay filter are stepped over.
-    AlignAid.nmask = 0;
-    AlignAid.LowResolution = 1;
-    AlignAid.iParameter = 3;
-    panel_select_item(0);
-    EXPECT_EQ(AlignAid.iParameter, 6);
-    panel_select_item(1);
-    EXPECT_EQ(AlignAid.iParameter, 3);
-}
-
 TEST_F(Panel, AffineIncrementsStepAndNeverReachZero)
 {
     AlignAid.DisplaySet = 1;
@@ -185,28 +126,6 @@ TEST_F(Panel, AffineIncrementsStepAndNeverReachZero)
     panel_change_value(1);
     EXPECT_FLOAT_EQ(AlignAid.increment[11], 0.015f);
     EXPECT_FLOAT_EQ(Alignment.value[11], 0.0f);
-}
-
-TEST_F(Panel, AffineValueChangeMovesByIncrementAndMarksAdjust)
-{
-    AlignAid.DisplaySet = 1;
-    update_display_set();
-    AlignAid.ChangeValue = 1;
-    AlignAid.DisplayType = 1;
-    AlignAid.iParameter = 1;
-    AlignAid.Adjust[1] = 0;
-    AlignAid.increment[1] = 0.5f;
-    panel_change_value(0);
-    panel_change_value(0);
-    panel_change_value(1);
-    EXPECT_FLOAT_EQ(Alignment.value[1], 0.5f);
-    EXPECT_EQ(AlignAid.Adjust[1], 1);
-    EXPECT_EQ(AlignAid.DisplayType, 0);
-    EXPECT_EQ(row(1), "x   y   0.50");
-    AlignAid.ChangeValue = 0;
-    EXPECT_EQ(row(1), "x increment 0.5");
-    AlignAid.Adjust[6] = 0;
-    EXPECT_EQ(row(6), "  size-x   1.00");
 }
 
 TEST_F(Panel, NonLinearRowsByteExact)
@@ -324,26 +243,6 @@ TEST_F(Panel, BasisNumberWrapsAndFieldsToggle)
     AlignAid.Adjust[9] = 1;
     panel_toggle_adjust();
     EXPECT_EQ(AlignAid.Adjust[9], 0);
-}
-
-TEST_F(Panel, AffineResetAndRecallToggle)
-{
-    AlignAid.DisplaySet = 1;
-    Alignment.value[0] = 3.0f;
-    Alignment.value[7] = 1.1f;
-    reset_or_recall_parameters();
-    EXPECT_FLOAT_EQ(Alignment.value[0], 0.0f);
-    EXPECT_FLOAT_EQ(Alignment.value[7], 1.0f);
-    EXPECT_FLOAT_EQ(AlignAid.saved_value[0], 3.0f);
-    reset_or_recall_parameters();
-    EXPECT_FLOAT_EQ(Alignment.value[0], 3.0f);
-    EXPECT_FLOAT_EQ(Alignment.value[7], 1.1f);
-    // A NaN is not the identity: it is saved and reset like any other value.
-    for (int j = 0; j < 12; j++) Alignment.value[j] = (j >= 6 && j <= 8) ? 1.0f : 0.0f;
-    Alignment.value[10] = NAN;
-    reset_or_recall_parameters();
-    EXPECT_FLOAT_EQ(Alignment.value[10], 0.0f);
-    EXPECT_TRUE(std::isnan(AlignAid.saved_value[10]));
 }
 
 TEST_F(Panel, FullAlignmentWithNothingSelectedPrintsInOrder)

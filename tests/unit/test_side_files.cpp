@@ -71,22 +71,6 @@ TEST_F(SideFiles, OverlayFileRejectsWeightsOutsideUnitRangeAndBadLines)
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error opening file missing.ovl\n");
 }
 
-TEST_F(SideFiles, WritingTenHalfWeightVoxelsReportsTotalFive)
-{
-    for (int x = 0; x < 5; x++) {
-        overlay_map.weight[index(x, 1, 0)] = 0.5f;
-        overlay_map.weight[index(x, 0, 2)] = 0.5f;
-    }
-    overlay_map.weight[index(5, 4, 3)] = 0.0f;
-    update_root_overlay(0);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(write_overlay_file(), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "10 pixels (total weight = 5) written to file .ovl\n");
-    EXPECT_EQ(read_text_file(".ovl"),
-              "0 1 0 0.5\n1 1 0 0.5\n2 1 0 0.5\n3 1 0 0.5\n4 1 0 0.5\n"
-              "0 0 2 0.5\n1 0 2 0.5\n2 0 2 0.5\n3 0 2 0.5\n4 0 2 0.5\n");
-}
-
 TEST_F(SideFiles, WrittenOverlayWithFullWeightHasThreeColumnsAndMismatchIsReported)
 {
     overlay_map.weight[index(2, 3, 1)] = 1.0f;
@@ -98,33 +82,6 @@ TEST_F(SideFiles, WrittenOverlayWithFullWeightHasThreeColumnsAndMismatchIsReport
               "2 pixels (total weight = 1.75) written to file .ovl\n"
               "Programming error: # overlay pixels not consistent (2 versus 0)\n");
     EXPECT_EQ(read_text_file(".ovl"), "0 0 0 0.75\n2 3 1\n");
-}
-
-TEST_F(SideFiles, OverlayListAppendsNodesWithColoursAndVoxels)
-{
-    write_text_file("one.ovl", "1 2 3\n0 0 0 0.5\n");
-    write_text_file("two.ovl", "5 4 3\n");
-    write_text_file("list", "brain one.ovl green # comment\n\n\tspot\ttwo.ovl mauve\n");
-    ASSERT_EQ(read_overlay_list((char *)"list"), 0);
-    ovl_list *a = ovl_root.next;
-    ASSERT_NE(a, nullptr);
-    ovl_list *b = a->next;
-    ASSERT_NE(b, nullptr);
-    EXPECT_EQ(b->next, nullptr);
-    EXPECT_STREQ(a->name, "brain");
-    EXPECT_EQ(a->color, 3);
-    EXPECT_EQ(a->active, 0);
-    ASSERT_EQ(a->npts, 2);
-    EXPECT_EQ(a->voxel[0].x, 1);
-    EXPECT_EQ(a->voxel[0].y, 2);
-    EXPECT_EQ(a->voxel[0].z, 3);
-    EXPECT_EQ(a->weight[0], 1.0f);
-    EXPECT_EQ(a->weight[1], 0.5f);
-    EXPECT_STREQ(b->name, "spot");
-    EXPECT_EQ(b->color, 1); // an unknown colour word is cyan
-    EXPECT_EQ(b->npts, 1);
-    // The map is untouched: list overlays only collect their voxels.
-    EXPECT_EQ(overlay_map.weight[index(1, 2, 3)], 0.0f);
 }
 
 TEST_F(SideFiles, ListMessagesNumberTheEntries)
