@@ -69,19 +69,25 @@ static void store_point(int i, const point_sums *p)
 
 static int axis_coordinate(IPOINT3D v, int axis) { return axis == 0 ? v.x : (axis == 1 ? v.y : v.z); }
 
-static void fill_profile(IPOINT3D at, int axis, int n)
+/* Adds the region's voxels of time point t: each to the point of its coordinate along axis, or
+   all to sums[0] when axis is negative. */
+static void add_region_values(point_sums *sums, int axis, int t)
 {
     data_stack *s = mosaic.stack;
+    IPOINT3D v;
+    for (v.z = 0; v.z < s->dim.z; v.z++)
+        for (v.y = 0; v.y < s->dim.y; v.y++)
+            for (v.x = 0; v.x < s->dim.x; v.x++)
+                if (overlay_map.weight[voxel3D_to_1D(v)] > 0.0f)
+                    add_value(&sums[axis < 0 ? 0 : axis_coordinate(v, axis)], stack_data_4d(v.x, v.y, v.z, t));
+}
+
+static void fill_profile(IPOINT3D at, int axis, int n)
+{
     point_sums *sums = (point_sums *)calloc((size_t)n, sizeof(point_sums));
     if (sums == NULL) alloc_error("allocation failure in fill_graph_values()");
     if (region_exists()) {
-        /* One pass over the region; each voxel adds to the point of its coordinate along the axis. */
-        IPOINT3D v;
-        for (v.z = 0; v.z < s->dim.z; v.z++)
-            for (v.y = 0; v.y < s->dim.y; v.y++)
-                for (v.x = 0; v.x < s->dim.x; v.x++)
-                    if (overlay_map.weight[voxel3D_to_1D(v)] > 0.0f)
-                        add_value(&sums[axis_coordinate(v, axis)], stack_data_4d(v.x, v.y, v.z, mosaic.iTime));
+        add_region_values(sums, axis, mosaic.iTime);
     } else {
         for (int i = 0; i < n; i++) {
             IPOINT3D v = at;
@@ -100,16 +106,10 @@ static void fill_profile(IPOINT3D at, int axis, int n)
 
 static void fill_time_course(IPOINT3D at, int n)
 {
-    data_stack *s = mosaic.stack;
     for (int t = 0; t < n; t++) {
         point_sums p = {0, 0.0, 0.0};
         if (region_exists()) {
-            IPOINT3D v;
-            for (v.z = 0; v.z < s->dim.z; v.z++)
-                for (v.y = 0; v.y < s->dim.y; v.y++)
-                    for (v.x = 0; v.x < s->dim.x; v.x++)
-                        if (overlay_map.weight[voxel3D_to_1D(v)] > 0.0f)
-                            add_value(&p, stack_data_4d(v.x, v.y, v.z, t));
+            add_region_values(&p, -1, t);
         } else {
             add_value(&p, stack_data_4d(at.x, at.y, at.z, t));
         }

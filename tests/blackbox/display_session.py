@@ -170,6 +170,18 @@ class Session:
             self.proc.wait()
 
 
+def run_scenario(s, body, work, scenario):
+    """Runs body(s), ends align and shows the end of its output, removes the scratch directory."""
+    try:
+        body(s)
+    finally:
+        s.finish()
+        print(open("stdout.txt").read()[-3000:])
+    os.chdir("/")
+    shutil.rmtree(work, ignore_errors=True)
+    print("PASS " + scenario)
+
+
 def float32(v):
     return struct.unpack("<f", struct.pack("<f", v))[0]
 
@@ -458,15 +470,7 @@ def main():
                 sys.exit(77)
             with gzip.open(path, "rb") as f, open(name, "wb") as out:
                 out.write(f.read())
-    s = Session(align)
-    try:
-        SCENARIOS[scenario](s)
-    finally:
-        s.finish()
-        print(open("stdout.txt").read()[-2000:])
-    os.chdir("/")
-    shutil.rmtree(work, ignore_errors=True)
-    print("PASS " + scenario)
+    run_scenario(Session(align), SCENARIOS[scenario], work, scenario)
 
 
 if __name__ == "__main__":

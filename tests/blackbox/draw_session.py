@@ -2,13 +2,12 @@
 """Drawing with the mouse in the image window under Xvfb (xdotool), checked on the ".ovl" and
 ".wire" files written. usage: draw_session.py <align binary> outline|wire"""
 import os
-import shutil
 import sys
 import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from display_session import NX, NY, NZ, Session, check, fail, run, value, write_nifti  # noqa: E402
+from display_session import NX, NY, NZ, Session, check, fail, run, run_scenario, value, write_nifti  # noqa: E402
 
 Z = 8  # zoom: 2 x 2 panels of XY slices, shown bottom-up
 
@@ -108,18 +107,13 @@ def main():
     os.chdir(work)
     write_nifti("tpl.nii", value)
     write_nifti("ind.nii", value)
-    s = Session(align)
-    try:
+
+    def body(s):
         s.move(10, 40)
         s.key("Z", "Z", "Z", "Z")
         check(s.title() == "align (zoom = %d)" % Z, "zoom %d" % Z)
         {"outline": scenario_outline, "wire": scenario_wire}[scenario](s)
-    finally:
-        s.finish()
-        print(open("stdout.txt").read()[-2000:])
-    os.chdir("/")
-    shutil.rmtree(work, ignore_errors=True)
-    print("PASS " + scenario)
+    run_scenario(Session(align), body, work, scenario)
 
 
 if __name__ == "__main__":

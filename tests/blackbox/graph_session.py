@@ -6,7 +6,6 @@ screenshots of the plot, on the statistics printed and on the close box.
 usage: graph_session.py <align binary> <send_wm_delete tool> <scenario>"""
 import os
 import re
-import shutil
 import struct
 import subprocess
 import sys
@@ -14,7 +13,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from display_session import NX, NY, NZ, Session, check, fail, mosaic_pixel, run, value, write_nifti  # noqa: E402
+from display_session import NX, NY, NZ, Session, check, fail, mosaic_pixel, run, run_scenario, value, write_nifti  # noqa: E402
 
 NT = 12
 PLOT_W, PLOT_H = 500, 250  # the graph window's first plot size
@@ -154,18 +153,9 @@ def main():
     os.chdir(work)
     write_nifti("tpl.nii", value)
     write_nifti_4d("ind.nii")
-    s = Session(align)
-    try:
-        if scenario == "close_box":
-            scenario_close_box(s, tool)
-        else:
-            {"time_course": scenario_time_course, "y_range": scenario_y_range}[scenario](s)
-    finally:
-        s.finish()
-        print(open("stdout.txt").read()[-1500:])
-    os.chdir("/")
-    shutil.rmtree(work, ignore_errors=True)
-    print("PASS " + scenario)
+    bodies = {"time_course": scenario_time_course, "y_range": scenario_y_range,
+              "close_box": lambda s: scenario_close_box(s, tool)}
+    run_scenario(Session(align), bodies[scenario], work, scenario)
 
 
 if __name__ == "__main__":

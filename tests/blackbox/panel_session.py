@@ -9,7 +9,6 @@ Run inside xvfb-run (screen 1280x1024x24)."""
 import gzip
 import math
 import os
-import shutil
 import struct
 import subprocess
 import sys
@@ -17,7 +16,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from display_session import Session, check, fail, write_nifti  # noqa: E402
+from display_session import Session, check, fail, run_scenario, write_nifti  # noqa: E402
 
 RIGHT = 160  # width of the right panel
 
@@ -392,18 +391,9 @@ def main():
     s = Session(align, args)
     _, _, width, _ = s.geometry()
     s.panel = (width - RIGHT // 2, 60)
-    try:
-        if scenario == "realdata":
-            scenario_realdata(s, make_volumes)
-        else:
-            {"overlays": scenario_overlays, "panel": scenario_panel, "affine": scenario_affine,
-             "nonlinear": scenario_nonlinear}[scenario](s)
-    finally:
-        s.finish()
-        print(open("stdout.txt").read()[-3000:])
-    os.chdir("/")
-    shutil.rmtree(work, ignore_errors=True)
-    print("PASS " + scenario)
+    bodies = {"overlays": scenario_overlays, "panel": scenario_panel, "affine": scenario_affine,
+              "nonlinear": scenario_nonlinear, "realdata": lambda s: scenario_realdata(s, make_volumes)}
+    run_scenario(s, bodies[scenario], work, scenario)
 
 
 if __name__ == "__main__":
