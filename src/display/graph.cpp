@@ -86,18 +86,7 @@ void update_graph_selectable_text(void)
     }
 }
 
-static GC graph_gc(int red, int green, int blue)
-{
-    XGCValues values;
-    values.foreground = (unsigned long)red * 65536ul + (unsigned long)green * 256ul + (unsigned long)blue;
-    values.background = 0;
-    unsigned long mask = GCForeground | GCBackground;
-    if (XFont_text != NULL) {
-        values.font = XFont_text->fid;
-        mask |= GCFont;
-    }
-    return XCreateGC(XServerDisplay, XRoot_Window, mask, &values);
-}
+static GC graph_gc(int red, int green, int blue) { return make_text_gc(XRoot_Window, red, green, blue); }
 
 static void make_graph_pixmap(void)
 {

@@ -52,17 +52,17 @@ static unsigned long pixel_of(int red, int green, int blue)
     return (unsigned long)red * 65536ul + (unsigned long)green * 256ul + (unsigned long)blue;
 }
 
-static GC make_gc(unsigned long foreground)
+GC make_text_gc(Drawable where, int red, int green, int blue)
 {
     XGCValues values;
-    values.foreground = foreground;
+    values.foreground = pixel_of(red, green, blue);
     values.background = 0;
     unsigned long mask = GCForeground | GCBackground;
     if (XFont_text != NULL) {
         values.font = XFont_text->fid;
         mask |= GCFont;
     }
-    return XCreateGC(XServerDisplay, XWindow_image, mask, &values);
+    return XCreateGC(XServerDisplay, where, mask, &values);
 }
 
 static XImage *make_image(int width, int height, char **data)
@@ -162,25 +162,25 @@ void make_XWindow_image(void)
     XImage_background = make_image(mosaic.ImageRegionPixels.x, mosaic.ImageRegionPixels.y, &XData_background);
     XImage_colorbar = make_image(mosaic.nx_ColorBar, mosaic.ImageRegionPixels.y, &XData_colorbar);
 
-    XGC_image = make_gc(pixel_of(255, 255, 255));
-    XGC_black = make_gc(0);
-    XGC_white = make_gc(pixel_of(255, 255, 255));
-    XGC_red = make_gc(pixel_of(255, 0, 0));
-    XGC_green = make_gc(pixel_of(0, 255, 0));
-    XGC_blue = make_gc(pixel_of(0, 0, 255));
-    XGC_yellow = make_gc(pixel_of(255, 255, 0));
-    XGC_cyan = make_gc(pixel_of(0, 255, 255));
-    XGC_orange = make_gc(pixel_of(255, 128, 0));
-    XGC_purple = make_gc(pixel_of(255, 0, 255));
-    XGC_black_text = make_gc(0);
-    XGC_white_text = make_gc(pixel_of(255, 255, 255));
-    XGC_red_text = make_gc(pixel_of(255, 0, 0));
-    XGC_green_text = make_gc(pixel_of(0, 255, 0));
-    XGC_blue_text = make_gc(pixel_of(0, 0, 255));
-    XGC_yellow_text = make_gc(pixel_of(255, 255, 0));
-    XGC_cyan_text = make_gc(pixel_of(0, 255, 255));
-    XGC_orange_text = make_gc(pixel_of(255, 128, 0));
-    XGC_purple_text = make_gc(pixel_of(255, 0, 255));
+    XGC_image = make_text_gc(XWindow_image, 255, 255, 255);
+    XGC_black = make_text_gc(XWindow_image, 0, 0, 0);
+    XGC_white = make_text_gc(XWindow_image, 255, 255, 255);
+    XGC_red = make_text_gc(XWindow_image, 255, 0, 0);
+    XGC_green = make_text_gc(XWindow_image, 0, 255, 0);
+    XGC_blue = make_text_gc(XWindow_image, 0, 0, 255);
+    XGC_yellow = make_text_gc(XWindow_image, 255, 255, 0);
+    XGC_cyan = make_text_gc(XWindow_image, 0, 255, 255);
+    XGC_orange = make_text_gc(XWindow_image, 255, 128, 0);
+    XGC_purple = make_text_gc(XWindow_image, 255, 0, 255);
+    XGC_black_text = make_text_gc(XWindow_image, 0, 0, 0);
+    XGC_white_text = make_text_gc(XWindow_image, 255, 255, 255);
+    XGC_red_text = make_text_gc(XWindow_image, 255, 0, 0);
+    XGC_green_text = make_text_gc(XWindow_image, 0, 255, 0);
+    XGC_blue_text = make_text_gc(XWindow_image, 0, 0, 255);
+    XGC_yellow_text = make_text_gc(XWindow_image, 255, 255, 0);
+    XGC_cyan_text = make_text_gc(XWindow_image, 0, 255, 255);
+    XGC_orange_text = make_text_gc(XWindow_image, 255, 128, 0);
+    XGC_purple_text = make_text_gc(XWindow_image, 255, 0, 255);
 
     XFillRectangle(XServerDisplay, XPixmap_image, XGC_black, 0, 0, (unsigned)size.x, (unsigned)size.y);
     XMapWindow(XServerDisplay, XWindow_image);

@@ -28,5 +28,8 @@ extern GC XGC_black_text, XGC_white_text, XGC_red_text, XGC_green_text, XGC_blue
     XGC_yellow_text, XGC_cyan_text, XGC_orange_text, XGC_purple_text;
 extern XFontStruct *XFont_text;
 
+/* A graphics context drawing in the colour (red, green, blue) with the menu font, for drawables
+   of the same screen and depth as where. */
+GC make_text_gc(Drawable where, int red, int green, int blue);
 /* Width in pixels of a text in the menu font. */
 int x11_text_width(const char *text);
