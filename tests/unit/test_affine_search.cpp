@@ -69,7 +69,6 @@ void use_analytic_similarity(float (*f)(const float *))
 
 float peak_at_3_3(const float *v) { return 10.0f - (v[0] - 3.3f) * (v[0] - 3.3f); }
 float peak_at_0_2(const float *v) { return 10.0f - (v[0] - 0.2f) * (v[0] - 0.2f); }
-float undefined_similarity(const float *v) { return v[0] == 0.0f ? 1.0f : NAN; }
 
 }  // namespace
 
@@ -121,21 +120,6 @@ TEST(LineScan, BestInsideFirstBracketHalvesTheIncrement)
     EXPECT_NEAR(Alignment.value[0], 0.2f, 1e-5);
     EXPECT_NEAR(best, 10.0f, 1e-5);
     EXPECT_FLOAT_EQ(AlignAid.increment[0], 0.5f);
-}
-
-TEST(LineScanDeathTest, NoDirectionIsFatal)
-{
-    use_analytic_similarity(undefined_similarity);
-    AlignAid.iParameter = 0;
-    AlignAid.increment[0] = 1.0f;
-    float best, offset;
-    EXPECT_EXIT(
-        {
-            dup2(2, 1);
-            line_scan_1d(0, 1.0f, &best, &offset);
-        },
-        testing::ExitedWithCode(1),
-        "Programming or memory error in line_scan_1d\nX3Point = \\(-1 0 1\\), Y3Point = \\(nan 1 nan\\)");
 }
 
 namespace {

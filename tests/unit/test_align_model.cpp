@@ -62,18 +62,6 @@ TEST(DefineAffineMatrix, TranslationsEnterWithAMinusSign)
     EXPECT_EQ(Alignment.Affine[2][3], 2.5f);
 }
 
-TEST(DefineAffineMatrix, InflationsAndSkewsEnterAsReciprocals)
-{
-    reset_parameters();
-    Alignment.value[6] = 2.0f;
-    Alignment.value[8] = 4.0f;
-    Alignment.value[9] = 0.5f;   // skew_xy / size-x
-    Alignment.value[11] = 2.0f;  // skew_yz / size-y
-    define_affine_matrix();
-    const float want[3][3] = {{0.5f, 0.25f, 0.0f}, {0.0f, 1.0f, 2.0f}, {0.0f, 0.0f, 0.25f}};
-    expect_block(Alignment.Affine, want, 0.0f);
-}
-
 TEST(DefineAffineMatrix, EachRigidAngleRotatesInItsPlane)
 {
     reset_parameters();
@@ -248,45 +236,4 @@ TEST(InitializeAlignment, SubSamplingOfYAndZMatchesTheMillimetresOfX)
     initialize_alignment();
     EXPECT_EQ(AlignAid.SubSampleSetting.y, 1);
     EXPECT_EQ(AlignAid.SubSampleSetting.z, 1);
-}
-
-TEST(PointMosaicToStackData, ChoosesVolumeTimePointAndScale)
-{
-    make_volumes(4, 4, 4, 1, 1, 1, 32, {1, 1, 1});
-    make_stack(&individual, 4, 4, 4, 3);
-    make_stack(&template_, 4, 4, 4, 2);
-    individual_scale_min = 1; individual_scale_max = 2;
-    template_scale_min = 3; template_scale_max = 4;
-    distort_scale_min = -5; distort_scale_max = 5;
-    graph = {};
-    graph.iTime = 2;
-    iTime_Template = 1;
-    AlignAid = {};
-    AlignAid.DisplayType = 0;
-    point_mosaic_to_stack_data();
-    EXPECT_EQ(mosaic.stack, &individual);
-    EXPECT_EQ(mosaic.iTime, 2);
-    EXPECT_EQ(mosaic.fSpaceMatrix, individual.SpaceTime.fData + 2 * 64);
-    EXPECT_EQ(image_scale_max, 2.0f);
-    AlignAid.DisplayType = 1;
-    point_mosaic_to_stack_data();
-    EXPECT_EQ(mosaic.stack, &template_);
-    EXPECT_EQ(mosaic.fSpaceMatrix, template_.SpaceTime.fData + 64);
-    EXPECT_EQ(image_scale_min, 3.0f);
-    AlignAid.DisplayType = 4;
-    point_mosaic_to_stack_data();
-    EXPECT_EQ(mosaic.stack, &distort_z);
-    EXPECT_EQ(mosaic.iTime, 0);
-    EXPECT_EQ(mosaic.fSpaceMatrix, distort_z.SpaceTime.fData);
-    EXPECT_EQ(image_scale_min, -5.0f);
-}
-
-TEST(ConvertActivationScale, TurnsNaturalLogarithmsIntoBaseTenOnTheChosenTimePoints)
-{
-    make_stack(&activation_stack, 2, 1, 1, 3);
-    for (int i = 0; i < 6; i++) activation_stack.SpaceTime.fData[i] = (float)log(100.0);
-    convert_activation_scale(1, 2);
-    EXPECT_FLOAT_EQ(activation_stack.SpaceTime.fData[0], (float)log(100.0));
-    EXPECT_NEAR(activation_stack.SpaceTime.fData[2], 2.0f, 1e-4f);
-    EXPECT_NEAR(activation_stack.SpaceTime.fData[5], 2.0f, 1e-4f);
 }

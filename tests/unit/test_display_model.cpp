@@ -26,14 +26,6 @@ void show_stack(int nx, int ny, int nz, float rx = 1.0f, float ry = 1.0f, float 
     mosaic.activation.imap = 0;
 }
 
-std::vector<int> shown_slices()
-{
-    std::vector<int> v;
-    for (int k = 0; k < mosaic.n_display_slice; k++)
-        if (mosaic.display_slice[k]) v.push_back(k);
-    return v;
-}
-
 int build_graph_calls = 0;
 void count_build_graph(int) { build_graph_calls++; }
 
@@ -89,29 +81,6 @@ TEST(ComputeDisplaySize, CoarseAxisIsStretchedInPixels)
     EXPECT_FLOAT_EQ(mosaic.PixelResolution.y, 1.5f);
     EXPECT_EQ(mosaic.PixelDim.y, 8);
     EXPECT_EQ(mosaic.PixelDim.x, 4);
-}
-
-TEST(ComputeDisplaySize, FewerPanelsThanSlicesShowTheCentralOnes)
-{
-    show_stack(4, 4, 10);
-    mosaic.DimPanels.z = 4;
-    compute_display_size(NULL);
-    EXPECT_EQ(shown_slices(), (std::vector<int>{3, 4, 5, 6}));
-
-    show_stack(5, 4, 10);  // a new size makes the slice list again
-    mosaic.DimPanels.z = 5;
-    compute_display_size(NULL);
-    EXPECT_EQ(shown_slices(), (std::vector<int>{3, 4, 5, 6, 7}));
-
-    // Unchanged geometry keeps the selection; panels above the slice count are limited.
-    mosaic.display_slice[0] = 1;
-    compute_display_size(NULL);
-    EXPECT_EQ(shown_slices().size(), 6u);
-    show_stack(6, 4, 10);
-    mosaic.DimPanels.z = 99;
-    compute_display_size(NULL);
-    EXPECT_EQ(mosaic.DimPanels.z, 10);
-    EXPECT_EQ(shown_slices().size(), 10u);
 }
 
 TEST(CursorSelectionOnImageWindow, MosaicPixelsRoundTripToVoxelsInEveryOrientation)

@@ -143,36 +143,3 @@ TEST(SmoothOrSharpenIsotropic, ConstantVolumeIsScaledByTheZeroFrequencyFactor)
     free_stack(&s);
 }
 
-namespace {
-/* A stack of complex pairs (not owned) of the given size. */
-data_stack complex_stack(FCOMPLEX *c, int nx, int ny, int nz, int nt)
-{
-    data_stack s = {};
-    s.dim = {nx, ny, nz};
-    s.nt = nt;
-    s.n2d = nx * ny;
-    s.n3d = s.n2d * nz;
-    s.n4d = s.n3d * nt;
-    s.SpaceTime.fcData = c;
-    return s;
-}
-}  // namespace
-
-TEST(Ft1d, ForwardThenBackwardReturnsTheDataAlongEveryAxis)
-{
-    FCOMPLEX *c = fcomplex_vector(240), *copy = fcomplex_vector(240);
-    data_stack s = complex_stack(c, 6, 5, 4, 2);
-    std::mt19937 rng{7};
-    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
-    for (int i = 0; i < 240; i++) copy[i] = c[i] = {u(rng), u(rng)};
-    for (int axis = 1; axis <= 3; axis++) {
-        EXPECT_EQ(ft_1d(axis, 1, &s), 0);
-        EXPECT_EQ(ft_1d(axis, -1, &s), 0);
-        for (int i = 0; i < 240; i++) {
-            ASSERT_NEAR(c[i].real, copy[i].real, 1e-5) << axis << " " << i;
-            ASSERT_NEAR(c[i].imag, copy[i].imag, 1e-5) << axis << " " << i;
-        }
-    }
-    free_fcomplex_vector(c);
-    free_fcomplex_vector(copy);
-}

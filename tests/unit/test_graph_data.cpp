@@ -150,25 +150,6 @@ TEST(GraphAxisRange, NiceStepsOfOneTwoOrFiveWidenTheRangeToWholeSteps)
     EXPECT_EQ(graph_ticks(0.0f, 100.0f, 1.0f, t, 10), 10);
 }
 
-TEST(GraphPixels, PointerAndDataMapBackOntoEachOther)
-{
-    /* Columns: 500 pixels over 12 points; each point's centre column maps back to it. */
-    for (int i = 0; i < 12; i++) {
-        int x = graph_x_of_value((float)i, 500, -0.5f, 11.5f);
-        EXPECT_EQ(x, (int)((i + 0.5) * 500 / 12)) << i;
-        EXPECT_EQ(graph_index_of_pixel(x, 500, 12), i) << i;
-    }
-    EXPECT_EQ(graph_index_of_pixel(-3, 500, 12), 0);
-    EXPECT_EQ(graph_index_of_pixel(700, 500, 12), 11);
-    /* Rows: 200 pixels for 0..100, from y = 15; outside the plot the ends hold. */
-    EXPECT_EQ(graph_y_of_value(100.0f, 200, 0.0f, 100.0f), 15);
-    EXPECT_EQ(graph_y_of_value(25.0f, 200, 0.0f, 100.0f), 15 + 150);
-    EXPECT_EQ(graph_y_of_value(-40.0f, 200, 0.0f, 100.0f), 15 + 199);
-    EXPECT_FLOAT_EQ(graph_value_of_pixel(15 + 150, 200, 0.0f, 100.0f), 25.0f);
-    EXPECT_FLOAT_EQ(graph_value_of_pixel(0, 200, 0.0f, 100.0f), 100.0f);
-    EXPECT_FLOAT_EQ(graph_value_of_pixel(400, 200, 0.0f, 100.0f), 0.5f);
-}
-
 TEST(GraphZoomRange, UpNarrowsAndDownWidensAboutThePointerValue)
 {
     float lo = 0.0f, hi = 10.0f;

@@ -70,55 +70,6 @@ TEST(GetExtension, ClassifiesTheTextAfterTheLastDotExactly)
     EXPECT_EQ(GetCapturedStdout(), "The file name has no extension!\n");
 }
 
-TEST(QuillFormat, CutsTheCallersNameAtTheLastDot)
-{
-    const struct { const char *name; int code; const char *stem; } cases[] = {
-        {"out.bfloat", 2, "out"}, {"out.bshort", 1, "out"}, {"out.ushort", 4, "out"},
-        {"a.b.img", 7, "a.b"}, {"out.nii\n", 6, "out"}, {"out.blong", -1, "out"},
-        {"out", -1, "out"},
-    };
-    for (const auto &c : cases) {
-        char name[1024];
-        snprintf(name, sizeof name, "%s", c.name);
-        EXPECT_EQ(quill_format(name), c.code) << c.name;
-        EXPECT_STREQ(name, c.stem);
-    }
-}
-
-TEST(DecodeQuillHeaderKeyword, EachKeywordSetsItsField)
-{
-    EXPECT_EQ(decode(" \tx 64\n").h.dim.x, 64);
-    EXPECT_EQ(decode("y 65").h.dim.y, 65);
-    EXPECT_EQ(decode("z 30").h.dim.z, 30);
-    EXPECT_EQ(decode("t 10").h.nt, 10);
-    Decoded m4 = decode("matrix 8 9\t10\n 11");
-    EXPECT_EQ(m4.h.dim.x + m4.h.dim.y * 100 + m4.h.dim.z * 10000, 8 + 900 + 100000);
-    EXPECT_EQ(m4.h.nt, 11);
-    Decoded m3 = decode("matrix 8 9 10");
-    EXPECT_EQ(m3.h.dim.z, 10);
-    EXPECT_EQ(m3.h.nt, 0);
-    EXPECT_EQ(decode("byte-order 0").h.byte_order, 0);
-    Decoded r4 = decode("resolution 3.75 3.75 5 2.5");
-    EXPECT_FLOAT_EQ(r4.h.resolution.z, 5.0f);
-    EXPECT_FLOAT_EQ(r4.h.resolution_t, 2.5f);
-    EXPECT_FLOAT_EQ(decode("resolution 1 2 3").h.resolution_t, 0.0f);
-    EXPECT_FLOAT_EQ(decode("origin -1 2.5 3").h.origin.y, 2.5f);
-    EXPECT_FLOAT_EQ(decode("direction 1 -1 1").h.direction.y, -1.0f);
-    EXPECT_EQ(decode("data-type complex").h.data_type, 1);
-    EXPECT_EQ(decode("data-type real-imaginary").h.data_type, 1);
-    EXPECT_EQ(decode("data-type magnitude-phase").h.data_type, 2);
-    EXPECT_EQ(decode("degrees-of-freedom 17").h.lDOF, 17);
-    EXPECT_EQ(decode("registration paxinos-rat").h.registration, -1);
-    EXPECT_EQ(decode("registration PW-rat").h.registration, 1);
-    const char *storage[] = {"short", "float", "long", "unsigned-short", "unsigned-char"};
-    for (int i = 0; i < 5; i++) {
-        std::string line = std::string("storage-type ") + storage[i];
-        EXPECT_EQ(decode(line.c_str()).h.storage_type, i + 1) << storage[i];
-    }
-    for (const char *info : {"info", "info: free", "information", "information: x 3"})
-        EXPECT_EQ(decode(info).result, -1) << info;
-}
-
 TEST(DecodeQuillHeaderKeyword, BadLinesAreErrorsWithTheirMessages)
 {
     for (const char *bad : {"X 4", "xx 4", "x four", "t", "matrix 1 2", "resolution 1 2", "origin 1 2",

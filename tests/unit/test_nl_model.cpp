@@ -90,20 +90,6 @@ TEST(CalcNumberNLBasisFunctions, WorkedExamples)
     expect_grid(axis_grid(10, 4), {{0, 0, 4}, {0, 4, 10}, {4, 9, 10}});
 }
 
-TEST(CalcNumberNLBasisFunctions, HalfWidthTwoOverSixtyFourVoxels)
-{
-    std::vector<triple> g = axis_grid(64, 2);
-    ASSERT_EQ(g.size(), 33u);
-    EXPECT_EQ(g[0].start, 0); EXPECT_EQ(g[0].peak, 0); EXPECT_EQ(g[0].end, 2);
-    for (int n = 1; n < 31; n++) {
-        EXPECT_EQ(g[n].start, 2 * (n - 1)) << n;
-        EXPECT_EQ(g[n].peak, 2 * n) << n;
-        EXPECT_EQ(g[n].end, 2 * (n + 1)) << n;
-    }
-    EXPECT_EQ(g[31].start, 60); EXPECT_EQ(g[31].peak, 62); EXPECT_EQ(g[31].end, 64);
-    EXPECT_EQ(g[32].start, 62); EXPECT_EQ(g[32].peak, 63); EXPECT_EQ(g[32].end, 64);
-}
-
 TEST(NLBasisFunction, CosineSquaredOfTheAbsoluteCoordinate)
 {
     make_model(16, 16, 16, {4, 4, 4});  // half-width 4

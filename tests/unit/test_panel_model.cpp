@@ -48,32 +48,6 @@ protected:
     }
 };
 
-TEST_F(Panel, SwapZAndParityRows)
-{
-    AlignAid.DisplaySet = 0;
-    AlignAid.iParameter = 3;
-    EXPECT_EQ(row(3), "Swap z: No");
-    EXPECT_EQ(row(4), "conserves parity");
-    EXPECT_EQ(row(5), "RHC <--> RHC");
-    panel_change_value(1);
-    EXPECT_EQ(Alignment.OrientSwapZ, 1);
-    EXPECT_EQ(row(3), "Swap z: Yes");
-    EXPECT_EQ(row(4), "swaps parity");
-    EXPECT_EQ(row(5), "RHC <--> LHC");
-    // Exactly 200 pixels: the tall layout, but the parity lines are not shown.
-    mosaic.ImageRegionPixels.y = 200;
-    EXPECT_EQ(row(4), "<empty>");
-    EXPECT_EQ(row(7), "Filters:");
-    EXPECT_EQ(panel_row_item(8), 4);
-    // Under 200 pixels: 15 rows, headings moved up.
-    mosaic.ImageRegionPixels.y = 150;
-    EXPECT_EQ(row(5), "Filters:");
-    EXPECT_EQ(panel_row_item(6), 4);
-    EXPECT_EQ(row(9), "Down-sampling");
-    EXPECT_EQ(panel_row_item(14), 9);
-    EXPECT_EQ(panel_row_item(15), -1);
-}
-
 TEST_F(Panel, DownSamplingStaysWithinOneToEightAndCouplesYZ)
 {
     AlignAid.DisplaySet = 0;
@@ -216,33 +190,6 @@ TEST_F(Panel, RigidityRunsOneFiveTenAndStiffnessClamps)
     for (int k = 0; k < 5; k++) panel_change_value(1);
     EXPECT_FLOAT_EQ(AlignNL.stiffness, 0.0f);
     EXPECT_EQ(row(15), "X  -  -  -  -");
-}
-
-TEST_F(Panel, BasisNumberWrapsAndFieldsToggle)
-{
-    AlignAid.DisplaySet = 2;
-    AlignAid.iParameter = 6;
-    AlignNL.NBasis = 4;
-    AlignNL.iBasis = 0;
-    panel_change_value(1);
-    EXPECT_EQ(AlignNL.iBasis, 3);
-    panel_change_value(0);
-    EXPECT_EQ(AlignNL.iBasis, 0);
-    AlignNL.ViewBasis = 0;
-    panel_toggle_adjust();
-    EXPECT_EQ(AlignNL.ViewBasis, 1);
-    AlignAid.iParameter = 1;
-    AlignNL.Adjust = {0, 0, 0};
-    panel_change_value(0);
-    EXPECT_EQ(AlignNL.Adjust.y, 1);
-    panel_toggle_adjust();
-    EXPECT_EQ(AlignNL.Adjust.y, 0);
-    EXPECT_EQ(AlignNL.Adjust.x, 0);
-    AlignAid.DisplaySet = 1;
-    AlignAid.iParameter = 9;
-    AlignAid.Adjust[9] = 1;
-    panel_toggle_adjust();
-    EXPECT_EQ(AlignAid.Adjust[9], 0);
 }
 
 TEST_F(Panel, FullAlignmentWithNothingSelectedPrintsInOrder)

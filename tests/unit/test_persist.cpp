@@ -89,23 +89,6 @@ TEST(Save, WritesTheLinesInOrderUnderTheirConditions)
                   "set registration-skews 0.01 0 -0.02\n");
 }
 
-TEST(Save, NoDistortionLineWhenTheMapsAreZero)
-{
-    ScopedTempDir dir;
-    set_geometry();
-    make_stack(&distort_x, 4, 4, 4, 2);
-    make_stack(&distort_y, 4, 4, 4, 2);
-    make_stack(&distort_z, 4, 4, 4, 2);
-    distort_x.SpaceTime.fData[64] = 3.0f;  // the second time point is not looked at
-    int status;
-    std::string out = save_output(&status);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(out.find("cwd = "), std::string::npos);
-    EXPECT_EQ(read_text_file("align.com").find("distortions"), std::string::npos);
-    struct stat st;
-    EXPECT_NE(stat("distortions.nii", &st), 0);
-}
-
 TEST(Save, ANaNInAMapWritesTheDistortionLine)
 {
     ScopedTempDir dir;

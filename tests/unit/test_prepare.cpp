@@ -132,36 +132,6 @@ TEST(DownsampleStack, HalvingKeepsConstantsAndInteriorRampsAndSetsTheCoarseGeome
     free_stack(&s);
 }
 
-TEST(DownsampleStack, ComplexPairsAndTheProgressLine)
-{
-    data_stack s;
-    make_stack(&s, 4, 2, 2, 6);
-    free_float_vector(s.SpaceTime.fData);
-    s.data_type = 1;
-    s.npts_volume = 2 * s.n3d;
-    s.SpaceTime.fData = float_vector(2 * s.n4d);
-    for (int n = 0; n < s.n4d; n++) {
-        s.SpaceTime.fData[2 * n] = 3.0f;
-        s.SpaceTime.fData[2 * n + 1] = -1.0f + (float)(n / s.n3d);
-    }
-    snprintf(s.name, sizeof s.name, "pairs");
-    testing::internal::CaptureStdout();
-    downsample_stack(&s, {2, 1, 1});
-    std::string out = testing::internal::GetCapturedStdout();
-    std::string want;
-    for (int t = 1; t <= 6; t++) want += "\rFinished " + std::to_string(t) + " of 6 time points for stack `pairs'.";
-    EXPECT_EQ(out, want + "\n");
-    EXPECT_EQ(s.n3d, 2);
-    EXPECT_EQ(s.npts_volume, 4);
-    for (int t = 0; t < 6; t++)
-        for (int v = 0; v < 2; v++) {
-            int n = t * 2 + v;
-            ASSERT_NEAR(s.SpaceTime.fData[2 * n], 3.0f, 1e-5);
-            ASSERT_NEAR(s.SpaceTime.fData[2 * n + 1], -1.0f + t, 1e-5);
-        }
-    free_stack(&s);
-}
-
 TEST(ActionChangeResolution, ReducingAndRestoringTheTemplateGrid)
 {
     start_up(4, 4, 181, 4, 4, 20, 1, 0);

@@ -32,17 +32,6 @@ static void grey_window_0_100(void)
     image_scale_offset = 255.0f - image_scale_slope * 100.0f;
 }
 
-TEST(ImagePixel, GreyWindowEdges)
-{
-    grey_window_0_100();
-    EXPECT_EQ(image_pixel(100.0f, 0, 0, 0, 0, 0), rgb(255, 255, 255));
-    EXPECT_EQ(image_pixel(150.0f, 0, 0, 0, 0, 0), rgb(255, 255, 255));
-    EXPECT_EQ(image_pixel(-5.0f, 0, 0, 0, 0, 0), 0ul);
-    EXPECT_EQ(image_pixel(0.0f, 0, 0, 0, 0, 0), 0ul);
-    /* 2.55 * 50 = 127.5 truncates to 127 in all three channels */
-    EXPECT_EQ(image_pixel(50.0f, 0, 0, 0, 0, 0), rgb(127, 127, 127));
-}
-
 TEST(ImagePixel, OverlayTintsBlendWithGreyByWeight)
 {
     grey_window_0_100();
@@ -95,13 +84,6 @@ TEST(ImagePixel, RainbowSchemeEndsAndThresholds)
     /* not visible: grey */
     mosaic.activation.visible = 0;
     EXPECT_EQ(image_pixel(40.0f, 767.0f, 0, 0, 0, 0), rgb(102, 102, 102));
-}
-
-TEST(ImagePixel, ActivatedVoxelUnderOverlayTakesTheOverlayTint)
-{
-    grey_window_0_100();
-    activation_scheme(2, 10.0f, 5000.0f);
-    EXPECT_EQ(image_pixel(40.0f, 767.0f, 1.0f, 0, 0, 4), rgb(0, 0, 255));
 }
 
 TEST(ImagePixel, NegativeAndTwoSidedSchemes)
@@ -228,20 +210,6 @@ TEST(CreateNeighborhood, StretchedAxisBlendsTwoVoxelsWithoutInterpolation)
     free_stack(&image_stack);
 }
 
-TEST(CreateNeighborhood, FlipReadsRowsFromTheTop)
-{
-    plane_layout(3, 4, 2, 1, 1, 1, 1);
-    mosaic.flip_X11_y = 1;
-    create_neighborhood(2); /* XZ: vertical axis z, 2 voxels */
-    EXPECT_EQ(mosaic.NeighborsXZ[0].address[0].y, 1);
-    EXPECT_EQ(mosaic.NeighborsXZ[3].address[0].y, 0);
-    create_neighborhood(0);
-    EXPECT_EQ(mosaic.NeighborsXY[0].address[0].y, 3);
-    invert_neighborhood(0);
-    invert_neighborhood(2);
-    free_stack(&image_stack);
-}
-
 /* ---- pixel buffers ---- */
 
 /* A 5 x 4 x 3 stack whose voxel value encodes its position, shown 2 x 2 at zoom z. */
@@ -308,38 +276,6 @@ TEST(MakeMosaicImages, OneThreadAndSeveralGiveTheSamePixels)
     free_stack(&image_stack);
 }
 
-TEST(MakeOrthogonalImages, ThreePlanesThroughTheCrosshair)
-{
-    plane_layout(5, 4, 3, 1, 1, 1, 1);
-    float *d = image_stack.SpaceTime.fData;
-    for (int i = 0; i < image_stack.n3d; i++) d[i] = (float)i;
-    mosaic.display_3orthogonal = 1;
-    mosaic.icross = {2, 1, 2};
-    mosaic.ImageRegionPixels = {5 + 3 + 4, 4 + 3 + 3};
-    image_scale_min = 0.0f;
-    image_scale_max = 255.0f;
-    prepare_image_display();
-    std::vector<unsigned int> px((size_t)12 * 10, 9u);
-    make_orthogonal_images(px.data());
-    int W = 12;
-    /* XY at (1 + x, 1 + y) for z = 2 */
-    EXPECT_EQ(grey_of(px[(size_t)(1 + 3) * W + 1 + 4]), (2 * 4 + 3) * 5 + 4);
-    /* XZ at (1 + x, 4 + 2 + z) for y = 1 */
-    EXPECT_EQ(grey_of(px[(size_t)(6 + 1) * W + 1 + 3]), (1 * 4 + 1) * 5 + 3);
-    /* YZ at (5 + 2 + y, 6 + z) for x = 2 */
-    EXPECT_EQ(grey_of(px[(size_t)(6 + 2) * W + 7 + 3]), (2 * 4 + 3) * 5 + 2);
-    /* the top-right cell is empty without the ZY option */
-    EXPECT_EQ(px[(size_t)2 * W + 8], 0u);
-    mosaic.display_ortho_ZY = 1;
-    mosaic.ImageRegionPixels = {5 + 3 + 3, 4 + 3 + 3};
-    prepare_image_display();
-    W = 11;
-    make_orthogonal_images(px.data());
-    /* ZY at (5 + 2 + z, 1 + y) for x = 2 */
-    EXPECT_EQ(grey_of(px[(size_t)(1 + 3) * W + 7 + 1]), (1 * 4 + 3) * 5 + 2);
-    free_stack(&image_stack);
-}
-
 /* ---- keys and window rules ---- */
 
 TEST(ContrastDrag, OneAxisIsAClick)
@@ -347,37 +283,6 @@ TEST(ContrastDrag, OneAxisIsAClick)
     EXPECT_FALSE(is_contrast_drag(10, 10, 40, 10));
     EXPECT_FALSE(is_contrast_drag(10, 10, 10, 40));
     EXPECT_TRUE(is_contrast_drag(10, 10, 40, 41));
-}
-
-TEST(ContrastDrag, LevelsMoveTowardsTheOuterLimits)
-{
-    mosaic = {};
-    mosaic.ImageRegionPixels = {100, 100};
-    contrast_low = 0.0f;
-    contrast_high = 1.0f;
-    apply_contrast_drag(0, 0, 50, 0); /* dx 0.5 right, dy 0 */
-    EXPECT_FLOAT_EQ(contrast_high, 1.1875f);
-    EXPECT_FLOAT_EQ(contrast_low, -0.125f);
-    contrast_low = 0.0f;
-    contrast_high = 1.0f;
-    apply_contrast_drag(50, 0, 50, 20); /* dx 0, dy 0.2 down */
-    EXPECT_FLOAT_EQ(contrast_low, 0.15f);
-    EXPECT_FLOAT_EQ(contrast_high, 1.15f);
-    contrast_low = 0.2f;
-    contrast_high = 0.8f;
-    apply_contrast_drag(50, 50, 30, 40); /* dx -0.2: narrows by 0.12; dy -0.1: down by 0.07 */
-    EXPECT_NEAR(contrast_low, 0.26f - 0.076f, 1e-6);
-    EXPECT_NEAR(contrast_high, 0.74f - 0.076f, 1e-6);
-    contrast_low = 0.0f;
-    contrast_high = 1.0f;
-    apply_contrast_shift(1);
-    EXPECT_FLOAT_EQ(contrast_low, -0.05f);
-    contrast_low = -0.45f;
-    contrast_high = 0.55f;
-    apply_contrast_shift(1); /* (low + 0.5)/2 = 0.025 < 0.05 */
-    EXPECT_FLOAT_EQ(contrast_low, -0.475f);
-    contrast_low = 0.0f;
-    contrast_high = 1.0f;
 }
 
 TEST(ReflowPanels, WiderTallerNarrowerAndUnchanged)
@@ -406,57 +311,6 @@ TEST(ReflowPanels, WiderTallerNarrowerAndUnchanged)
     EXPECT_FALSE(reflow_panels(1901, 275));
     EXPECT_FALSE(reflow_panels(1899, 275));
     EXPECT_TRUE(reflow_panels(1897, 275));
-}
-
-TEST(SliceSelection, CentralSlicesAndTheSlidingWindow)
-{
-    int sel[10];
-    select_central_slices(sel, 10, 4);
-    int want4[10] = {0, 0, 0, 1, 1, 1, 1, 0, 0, 0};
-    for (int k = 0; k < 10; k++) EXPECT_EQ(sel[k], want4[k]) << k;
-    select_central_slices(sel, 10, 5);
-    int want5[10] = {0, 0, 0, 1, 1, 1, 1, 1, 0, 0};
-    for (int k = 0; k < 10; k++) EXPECT_EQ(sel[k], want5[k]) << k;
-
-    mosaic = {};
-    set_displayed_stack_for_test(4, 4, 10, 1);
-    mosaic.display_slice = sel;
-    mosaic.icross = {1, 1, 5};
-    EXPECT_TRUE(slide_shown_slices(1));
-    EXPECT_EQ(sel[2], 1);
-    EXPECT_EQ(sel[7], 0);
-    EXPECT_EQ(mosaic.icross.z, 4);
-    select_central_slices(sel, 10, 10);
-    EXPECT_FALSE(slide_shown_slices(0)); /* every slice shown */
-    for (int k = 0; k < 10; k++) sel[k] = k >= 8;
-    EXPECT_FALSE(slide_shown_slices(0)); /* the last slice is already shown */
-    free_stack(&image_stack);
-}
-
-TEST(PromptEdit, BackspaceKeepsTheLastCharacterAndModesFilter)
-{
-    char r[1024] = "y";
-    EXPECT_EQ(prompt_edit(r, 8, 0, 1), 0);
-    EXPECT_STREQ(r, "y");
-    EXPECT_EQ(prompt_edit(r, 127, 0, 1), 0);
-    EXPECT_STREQ(r, "y");
-    snprintf(r, sizeof r, " ");
-    EXPECT_EQ(prompt_edit(r, 'a', 2, 1), 0); /* digits only */
-    EXPECT_EQ(prompt_edit(r, '4', 2, 1), 0);
-    EXPECT_EQ(prompt_edit(r, '2', 2, 1), 0);
-    EXPECT_STREQ(r, " 42");
-    EXPECT_EQ(prompt_edit(r, 8, 2, 1), 0);
-    EXPECT_STREQ(r, " 4");
-    EXPECT_EQ(prompt_edit(r, 13, 2, 1), 1);
-    EXPECT_EQ(prompt_edit(r, 27, 2, 1), -1);
-    snprintf(r, sizeof r, "%s", "");
-    EXPECT_EQ(prompt_edit(r, '7', 1, 0), 0); /* letters only: a digit is ignored */
-    EXPECT_EQ(prompt_edit(r, 'Y', 1, 0), 1); /* one accepted character ends a single answer */
-    EXPECT_STREQ(r, "Y");
-    snprintf(r, sizeof r, "%s", "");
-    EXPECT_EQ(prompt_edit(r, 13, 0, 0), 1); /* an empty answer */
-    EXPECT_STREQ(r, "");
-    EXPECT_EQ(prompt_edit(r, 3, 0, 0), 0); /* control characters are not text */
 }
 
 /* Real key events need a server: skipped without one (the display tests run it under Xvfb). */

@@ -285,7 +285,7 @@ float one_voxel_oracle(int x, int y, int z, int accurate)
 
 }  // namespace
 
-TEST(TransformCoordinates, FollowsTheSpecifiedArithmeticBitForBit)
+TEST(TransformCoordinates, FollowsTheReferenceArithmeticBitForBit)
 {
     make_scene(16, 1.25f, 16, 1.0f);
     fill_random(&original, 1.0f, 1000.0f, 12);

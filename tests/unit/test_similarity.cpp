@@ -66,20 +66,6 @@ TEST(CostFunction, IdenticalVolumesGiveTheEntropyOfTheirHistogram)
     EXPECT_NEAR(cost_function(0), 1.5 * log(2.0), 1e-6);
 }
 
-TEST(CostFunction, MutualInformationIsLargestForTheMatchingIndividual)
-{
-    std::mt19937 rng{1};
-    std::uniform_real_distribution<float> u(1.0f, 10.0f);
-    std::vector<float> tpl(500), same(500), shuffled;
-    for (int i = 0; i < 500; i++) tpl[i] = same[i] = u(rng);
-    shuffled = tpl;
-    std::shuffle(shuffled.begin(), shuffled.end(), rng);
-    set_pair(tpl, same);
-    float matched = cost_function(0);
-    set_pair(tpl, shuffled);
-    EXPECT_GT(matched, cost_function(0) + 0.5f);
-}
-
 TEST(CostFunction, ZeroIndividualAverageScalesByOne)
 {
     // individual average 0 -> divided by 1: (-1, 1, -2, 2); template (0.4 .. 1.6); range -2..2
@@ -98,15 +84,6 @@ TEST(CostFunction, CorrelationIsNotCentredAndIsDividedByTheCount)
     set_pair({2, 1, 0}, {1, 2, 6});
     EXPECT_NEAR(cost_function(1), 0.4f, 1e-6);
     EXPECT_NEAR(cost_function(7), 0.4f, 1e-6);  // any nonzero code selects the correlation
-}
-
-TEST(CostFunction, AllZeroTemplateLeavesNothingToCompare)
-{
-    set_pair({0, 0, 0}, {1, 2, 3});
-    float ai, at;
-    calculate_volume_averages(&ai, &at);
-    EXPECT_TRUE(std::isnan(ai));
-    EXPECT_TRUE(std::isnan(cost_function(1)));
 }
 
 TEST(CostFunction, OneThreadAndSeveralGiveBitIdenticalInformation)

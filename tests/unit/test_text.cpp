@@ -19,10 +19,6 @@
 
 namespace {
 
-const char *SEPARATOR = "----------------------------------------------\n"
-                        "--- choose item: 0 = main menu, return = back \n"
-                        "----------------------------------------------\n";
-
 struct ChildResult {
     int status;
     std::string out;
@@ -93,23 +89,6 @@ std::string make_help_home()
     return home;
 }
 
-const char *MAIN_MENU = "!0 0\n"
-                        "Main menu\n"
-                        " 1 first\n"
-                        "!1 0\n"
-                        "Menu one\n"
-                        "!1 1\n"
-                        "Alpha text\n"
-                        "!1 2\n"
-                        "Beta text\n"
-                        "second beta line\n"
-                        "!2 0\n"
-                        "Menu two\n"
-                        "> chained.txt\n"
-                        "not shown\n"
-                        "!2 1\n"
-                        "never shown\n";
-
 } // namespace
 
 TEST(GetLine, ReadsUpTo1023CharactersWhateverSizeSays)
@@ -153,20 +132,6 @@ TEST(MyGetopt, UnknownOptionDoesNotAdvance)
     EXPECT_EQ(got.substr(0, 12), "?@1 ?@1 ?@1 ");
 }
 
-TEST(ReadProgramInitFile, AppendsTheWordsOfTheFirstLineAfterTheProgramName)
-{
-    ScopedTempDir dir;
-    write_text_file(".align", "align a.nii  -t\tb.nii -y\nalign c.nii\n");
-    static char arguments[100][1024] = {"align", "-y"};
-    int myargc = 2;
-    read_program_init_file(".align", arguments, &myargc);
-    ASSERT_EQ(myargc, 6);
-    EXPECT_STREQ(arguments[2], "a.nii");
-    EXPECT_STREQ(arguments[3], "-t");
-    EXPECT_STREQ(arguments[4], "b.nii");
-    EXPECT_STREQ(arguments[5], "-y");
-}
-
 TEST(ReadProgramInitFile, TableHoldsAtMostOneHundredWords)
 {
     ScopedTempDir dir;
@@ -180,19 +145,6 @@ TEST(ReadProgramInitFile, TableHoldsAtMostOneHundredWords)
     EXPECT_STREQ(arguments[99], "w98");
 }
 
-TEST(HelpMenu, QInsideAMenuGoesBack)
-{
-    ScopedTempDir dir;
-    make_help_home();
-    write_text_file("home/documentation/menu.txt", MAIN_MENU);
-    /* q in menu 1 goes to the main menu; "what" at the main menu quits like q */
-    ChildResult r = run_in_child("1\nq\nwhat\n1\n", [] { return help_menu(0, "menu.txt"); });
-    std::string main_text = std::string("Main menu\n 1 first\n") + SEPARATOR + "help > ";
-    std::string menu_one = std::string("Menu one\n") + SEPARATOR + "help >> ";
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out.substr(r.out.find('\n') + 1), main_text + menu_one + main_text);
-}
-
 TEST(HelpMenu, HeadersOutOfOrderAreRefused)
 {
     ScopedTempDir dir;
@@ -203,22 +155,6 @@ TEST(HelpMenu, HeadersOutOfOrderAreRefused)
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "Help from file " + path + "\nWarning: menu entry 3 in file " + path +
                          " is 3 5,\nbut it should be either 1 2 or 2 1,\n");
-}
-
-TEST(ApplyStartupOption, ZoomOutsideOneToTenBecomesAutomatic)
-{
-    startup_options opts = {};
-    mosaic.zoom = 0;
-    apply_startup_option('z', "11", &opts);
-    EXPECT_EQ(mosaic.zoom, 0);
-    apply_startup_option('Z', "10", &opts);
-    EXPECT_EQ(mosaic.zoom, 10);
-    apply_startup_option('z', "0", &opts);
-    EXPECT_EQ(mosaic.zoom, 0);
-    apply_startup_option('z', "1", &opts);
-    EXPECT_EQ(mosaic.zoom, 1);
-    apply_startup_option('z', "-3", &opts);
-    EXPECT_EQ(mosaic.zoom, 0);
 }
 
 TEST(ApplyStartupOption, WrapDigitsPerAxis)
@@ -245,26 +181,6 @@ TEST(ApplyStartupOption, WrapDigitsPerAxis)
     EXPECT_EQ(Alignment.WrapAround.x, 1);
     EXPECT_EQ(Alignment.WrapAround.y, 0);
     EXPECT_EQ(Alignment.WrapAround.z, 1);
-}
-
-TEST(ApplyStartupOption, FlipsToggleAndThreePlanesSwitchOn)
-{
-    startup_options opts = {};
-    mosaic.flip_X11_y = 1;
-    mosaic.display_ortho_ZY = 1;
-    mosaic.display_3orthogonal = 0;
-    apply_startup_option('y', "-y", &opts);
-    EXPECT_EQ(mosaic.flip_X11_y, 0);
-    EXPECT_EQ(mosaic.display_ortho_ZY, 1);
-    apply_startup_option('y', "-y", &opts);
-    EXPECT_EQ(mosaic.flip_X11_y, 1);
-    apply_startup_option('Y', "-Y", &opts);
-    EXPECT_EQ(mosaic.display_ortho_ZY, 0);
-    EXPECT_EQ(mosaic.flip_X11_y, 1);
-    apply_startup_option('3', "-3", &opts);
-    EXPECT_EQ(mosaic.display_3orthogonal, 1);
-    apply_startup_option('A', "-A", &opts);
-    EXPECT_EQ(opts.batch_mode, 1);
 }
 
 TEST(ApplyStartupOption, FileOptionsBuildOrderedLists)

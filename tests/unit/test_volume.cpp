@@ -56,37 +56,6 @@ TEST(Index4d, CoordinateEqualToDimensionStopsTheProgram)
                 "index out of range in index4d");
 }
 
-TEST(Voxel3DTo1D, OutOfRangeVoxelStopsTheProgram)
-{
-    set_displayed_stack_for_test(4, 3, 2, 1);
-    IPOINT3D v = {0, 3, 0};
-    EXPECT_EXIT({ fflush(stdout); dup2(2, 1); voxel3D_to_1D(v); }, testing::ExitedWithCode(1),
-                "Programming error: index out of range in voxel3D_to_1D\n\\(i,j,k\\) = \\(0,3,0\\)");
-    IPOINT3D w = {0, 0, -1};
-    EXPECT_EXIT({ fflush(stdout); dup2(2, 1); voxel3D_to_1D(w); }, testing::ExitedWithCode(1),
-                "\\(i,j,k\\) = \\(0,0,-1\\)");
-}
-
-TEST(SampleValue, ComplexDataTable)
-{
-    EXPECT_EQ(sample_value(1, 0, 3.0f, 4.0f), 5.0f);
-    EXPECT_NEAR(sample_value(1, 1, 3.0f, 4.0f), atan2(4.0, 3.0) * 180.0 / M_PI, 1e-4);
-    EXPECT_NEAR(sample_value(1, 1, 0.0f, 1.0f), 90.0f, 1e-4);
-    EXPECT_EQ(sample_value(1, 2, 3.0f, 4.0f), 3.0f);
-    EXPECT_EQ(sample_value(1, 3, 3.0f, 4.0f), 4.0f);
-    EXPECT_EQ(sample_value(1, 4, 3.0f, 4.0f), 0.0f);
-    EXPECT_EQ(sample_value(1, -1, 3.0f, 4.0f), 0.0f);
-}
-
-TEST(SampleValue, MagnitudePhaseDataKeepsThePhaseInRadians)
-{
-    EXPECT_EQ(sample_value(2, 0, 2.0f, 0.5f), 2.0f);
-    EXPECT_EQ(sample_value(2, 1, 2.0f, 0.5f), 0.5f); /* not converted to degrees */
-    EXPECT_NEAR(sample_value(2, 2, 2.0f, 0.5f), 2.0 * cos(0.5), 1e-6);
-    EXPECT_NEAR(sample_value(2, 3, 2.0f, 0.5f), 2.0 * sin(0.5), 1e-6);
-    EXPECT_EQ(sample_value(2, 7, 2.0f, 0.5f), 0.0f);
-}
-
 TEST(StackData4d, ComplexStacksAreIndexedByPairs)
 {
     set_displayed_pair_stack(1, 2, 2, 1, 2); /* float k holds the value k */
@@ -101,15 +70,6 @@ TEST(StackData4d, ComplexStacksAreIndexedByPairs)
     IPOINT3D v = {1, 1, 0};
     mosaic.display_data_type = 2;
     EXPECT_EQ(mosaic_data_3d(v), 6.0f);
-}
-
-TEST(StackData4d, MagnitudePhaseStackUsesTheTable)
-{
-    set_displayed_pair_stack(2, 2, 1, 1, 1);
-    mosaic.display_data_type = 1;
-    EXPECT_EQ(stack_data_4d(1, 0, 0, 0), 3.0f);
-    mosaic.display_data_type = 2;
-    EXPECT_NEAR(stack_data_4d(1, 0, 0, 0), 2.0 * cos(3.0), 1e-6);
 }
 
 TEST(CenteredIjkToXyz, EvenGridPutsTheOriginBetweenTheMiddleVoxels)
@@ -182,12 +142,4 @@ TEST(InvertMat44, FullInverseOfAnAffineMatrix)
         }
     EXPECT_EQ(inv.m[1][0], 0.5f);
     EXPECT_EQ(inv.m[1][3], -0.5f);
-}
-
-TEST(InvertMat44, SingularMatrixReportsTheFailedRowAndStops)
-{
-    POINT3D scale = {1, 0, 1}, shift = {2, 3, 4}, dir = {1, 1, 1};
-    mat44 m = scale_and_shift_to_mat44(scale, shift, dir);
-    EXPECT_EXIT({ fflush(stdout); dup2(2, 1); invert_mat44(m); }, testing::ExitedWithCode(1),
-                "^failed on row 1\n$");
 }

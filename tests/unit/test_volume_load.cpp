@@ -105,21 +105,6 @@ TEST(ReadSpaceTimeData, FilesAreStackedAlongTime)
     free_float_vector(s.SpaceTime.fData);
 }
 
-TEST(ReadSpaceTimeData, TypeThreeEntryContributesOnlyTheFirstVolume)
-{
-    ScopedTempDir dir;
-    write_quill_volume("long.bfloat", 2, 1, 1, 20, 2, 1, ramp(40, 0, 1));
-    write_quill_volume("next.bfloat", 2, 1, 1, 2, 2, 1, ramp(4, 100, 1));
-    Files f({{"long.bfloat", 3}, {"next.bfloat", 0}});
-    data_stack s = empty_stack();
-    ASSERT_EQ(load(&s, f).result, 0);
-    EXPECT_EQ(s.nt, 3);
-    EXPECT_EQ(f.nodes[0].nt, 1);
-    EXPECT_EQ(f.nodes[1].start_image, 1);
-    const float want[6] = {0, 1, 100, 101, 102, 103};
-    for (int i = 0; i < 6; i++) EXPECT_FLOAT_EQ(s.SpaceTime.fData[i], want[i]) << i;
-}
-
 TEST(ReadQuillFile, EveryStorageTypeInBothByteOrdersConvertsByValue)
 {
     ScopedTempDir dir;
@@ -282,19 +267,6 @@ TEST(ReadSpaceTimeData, StacksTooLargeForTheAllocatorAreRefused)
     EXPECT_EQ(l.result, 1);
     EXPECT_EQ(l.out, "Error: 4 volumes of 268435456 values each are too many to hold in memory.\n");
     EXPECT_EQ(s.SpaceTime.fData, nullptr);
-}
-
-TEST(ReadQuillFileDeathTest, NegativeOffsetStopsTheProgramAtTheSeek)
-{
-    ScopedTempDir dir;
-    NiftiFixture f = nifti_fixture(2, 1, 1, 1, 1.0f, DT_UINT8);
-    write_nifti("n.img", f, {1, 2});
-    set_vox_offset("n.hdr", -8.0f);
-    data_stack s = empty_stack();
-    int nfiles;
-    Files list({{"n.img", 0}});
-    EXPECT_EXIT(read_SpaceTime_data(0, &s, &list.nodes[0], &nfiles), testing::ExitedWithCode(1),
-                "\nError doing fseek\\(\\) to -8 in data file n.img\n");
 }
 
 TEST(ReadFreesurferFile, SlicesFillTheirPlanesOfEveryVolume)
