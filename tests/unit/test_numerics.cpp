@@ -3,10 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <random>
-#include <string>
-#include <unistd.h>
 
 #include "numerics.h"
 
