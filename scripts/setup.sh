@@ -11,7 +11,9 @@ if [ "$(id -u)" = 0 ] && [ "${ALIGN_SKIP_APT:-0}" != 1 ]; then
         libx11-dev libfftw3-dev libniftiio-dev libnifti2-dev libznz-dev zlib1g-dev \
         libgtest-dev googletest libbenchmark-dev \
         xvfb xauth xdotool x11-apps x11-utils imagemagick \
-        mricron-data python3 python3-nibabel python3-numpy
+        mricron-data python3 python3-nibabel python3-numpy \
+        clang libclang-rt-14-dev llvm \
+        libpng-dev nlohmann-json3-dev parallel slurm-wlm munge
 fi
 sanitize="${ALIGN_SANITIZE:-0}"
 if [ "$sanitize" = 1 ]; then build="${BUILD_DIR:-$top/build-asan}"; else build="${BUILD_DIR:-$top/build}"; fi
