@@ -182,6 +182,67 @@ int write_aligned_volume(const data_stack *input, const char *template_name, con
     return status;
 }
 
+/* The steps of apply_alignment after the input is read; returns 0 or 1 after a message. */
+static int apply_to_input(const apply_request *r, const data_stack *input, const QL_HEADER *input_header)
+{
+    const data_stack *out_grid = r->inverse ? &original_unfiltered : &template_unfiltered;
+    const data_stack *in_grid = r->inverse ? &template_unfiltered : &original_unfiltered;
+    const char *out_grid_name = r->inverse ? r->individual_name : r->template_name;
+    const char *in_grid_name = r->inverse ? r->template_name : r->individual_name;
+
+    if (input->data_type != 0) {
+        printf("Error: %s holds complex data, which align-apply does not resample.\n", r->input_name);
+        return 1;
+    }
+    if (!same_grid(input, in_grid)) {
+        printf("Error: %s has %dx%dx%d voxels of %g x %g x %g mm, not the grid of the %s %s "
+               "(%dx%dx%d voxels of %g x %g x %g mm).\n",
+               r->input_name, input->dim.x, input->dim.y, input->dim.z, input->resolution.x, input->resolution.y,
+               input->resolution.z, r->inverse ? "template" : "individual", in_grid_name, in_grid->dim.x,
+               in_grid->dim.y, in_grid->dim.z, in_grid->resolution.x, in_grid->resolution.y, in_grid->resolution.z);
+        return 1;
+    }
+    nifti_1_header out_reference, in_reference, input_nifti;
+    if (reference_nifti_header(out_grid_name, out_grid, &out_reference) ||
+        reference_nifti_header(in_grid_name, in_grid, &in_reference) ||
+        reference_nifti_header(r->input_name, input, &input_nifti))
+        return 1;
+
+    voxel_positions pos = {{0, 0, 0}, NULL};
+    if (r->inverse) {
+        inverse_report report;
+        if (inverse_positions(original_unfiltered.dim, original_unfiltered.resolution, &pos, &report)) return 1;
+        printf("Inverse mapping: largest residual %.3g mm over the %ld voxels that map into the template; "
+               "%ld voxels where folds make the mapping not invertible\n",
+               report.largest_residual, report.inside, report.not_invertible);
+    } else if (forward_positions(original_unfiltered.dim, original_unfiltered.resolution, &pos)) {
+        return 1;
+    }
+
+    stored_type type = output_type(input_header, input, r->kernel);
+    IPOINT3D wrap = r->inverse ? IPOINT3D{0, 0, 0} : Alignment.WrapAround;
+    int failed = write_resampled(input, &type, &pos, voxel_size_ratio(out_grid->resolution, in_grid->resolution),
+                                 wrap, r->kernel, &out_reference, input->resolution_t, input_nifti.xyzt_units,
+                                 r->output_name);
+    if (!failed && r->jacobian_name != NULL) {
+        float *jacobian = float_vector(out_grid->n3d);
+        jacobian_of_positions(&pos, in_grid->resolution, out_grid->resolution, jacobian);
+        failed = write_float_map(jacobian, 1, &out_reference, "align-apply Jacobian determinant", r->jacobian_name);
+        free_float_vector(jacobian);
+    }
+    if (!failed && r->field_name != NULL) {
+        double world_out[4][4], world_in[4][4];
+        nifti_world_matrix(&out_reference, world_out);
+        nifti_world_matrix(&in_reference, world_in);
+        float *field = float_vector(3 * out_grid->n3d);
+        world_displacement_field(&pos, world_out, world_in, field);
+        failed = write_float_map(field, 3, &out_reference, "align-apply displacement (LPS mm)", r->field_name);
+        free_float_vector(field);
+    }
+    free_voxel_positions(&pos);
+    return failed;
+}
+
 int apply_alignment(const apply_request *r)
 {
     data_stack input;
@@ -191,71 +252,7 @@ int apply_alignment(const apply_request *r)
     snprintf(node.file_name, sizeof node.file_name, "%s", r->input_name);
     int nfiles = 0;
     if (read_SpaceTime_data(0, &input, &node, &nfiles)) return 1;
-    int status = 1;
-    voxel_positions pos = {{0, 0, 0}, NULL};
-    nifti_1_header out_reference, in_reference, input_header;
-    const data_stack *out_grid = r->inverse ? &original_unfiltered : &template_unfiltered;
-    const data_stack *in_grid = r->inverse ? &template_unfiltered : &original_unfiltered;
-    const char *out_grid_name = r->inverse ? r->individual_name : r->template_name;
-    const char *in_grid_name = r->inverse ? r->template_name : r->individual_name;
-
-    if (input.data_type != 0) {
-        printf("Error: %s holds complex data, which align-apply does not resample.\n", r->input_name);
-        goto done;
-    }
-    if (!same_grid(&input, in_grid)) {
-        printf("Error: %s has %dx%dx%d voxels of %g x %g x %g mm, not the grid of the %s %s "
-               "(%dx%dx%d voxels of %g x %g x %g mm).\n",
-               r->input_name, input.dim.x, input.dim.y, input.dim.z, input.resolution.x, input.resolution.y,
-               input.resolution.z, r->inverse ? "template" : "individual", in_grid_name, in_grid->dim.x,
-               in_grid->dim.y, in_grid->dim.z, in_grid->resolution.x, in_grid->resolution.y, in_grid->resolution.z);
-        goto done;
-    }
-    if (reference_nifti_header(out_grid_name, out_grid, &out_reference) ||
-        reference_nifti_header(in_grid_name, in_grid, &in_reference) ||
-        reference_nifti_header(r->input_name, &input, &input_header))
-        goto done;
-
-    if (r->inverse) {
-        inverse_report report;
-        if (inverse_positions(original_unfiltered.dim, original_unfiltered.resolution, &pos, &report)) goto done;
-        printf("Inverse mapping: largest residual %.3g mm over the %ld voxels that map into the template; "
-               "%ld voxels where folds make the mapping not invertible\n",
-               report.largest_residual, report.inside, report.not_invertible);
-    } else {
-        if (forward_positions(original_unfiltered.dim, original_unfiltered.resolution, &pos)) goto done;
-    }
-
-    {
-        stored_type type = output_type(&node.header, &input, r->kernel);
-        IPOINT3D wrap = r->inverse ? IPOINT3D{0, 0, 0} : Alignment.WrapAround;
-        if (write_resampled(&input, &type, &pos, voxel_size_ratio(out_grid->resolution, in_grid->resolution), wrap,
-                            r->kernel, &out_reference, input.resolution_t, input_header.xyzt_units, r->output_name))
-            goto done;
-    }
-
-    if (r->jacobian_name != NULL) {
-        size_t n3d = (size_t)out_grid->n3d;
-        float *jacobian = float_vector((int)n3d);
-        jacobian_of_positions(&pos, in_grid->resolution, out_grid->resolution, jacobian);
-        int failed = write_float_map(jacobian, 1, &out_reference, "align-apply Jacobian determinant", r->jacobian_name);
-        free_float_vector(jacobian);
-        if (failed) goto done;
-    }
-    if (r->field_name != NULL) {
-        double world_out[4][4], world_in[4][4];
-        nifti_world_matrix(&out_reference, world_out);
-        nifti_world_matrix(&in_reference, world_in);
-        float *field = float_vector(3 * out_grid->n3d);
-        world_displacement_field(&pos, world_out, world_in, field);
-        int failed = write_float_map(field, 3, &out_reference, "align-apply displacement (LPS mm)", r->field_name);
-        free_float_vector(field);
-        if (failed) goto done;
-    }
-    status = 0;
-
-done:
-    free_voxel_positions(&pos);
-    if (input.SpaceTime.fData != NULL) free_float_vector(input.SpaceTime.fData);
+    int status = apply_to_input(r, &input, &node.header);
+    free_float_vector(input.SpaceTime.fData);
     return status;
 }
