@@ -5,12 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <unistd.h>
 #include <vector>
 
 #include <nifti1.h>
-#include <zlib.h>
 
 #include "align_model.h"
 #include "globals.h"
@@ -44,47 +41,14 @@ static void usage(void)
            "      sin(pi u_x), d_z = w sin(pi u_x) sin(pi u_y) in mm, u = voxel index / (size - 1).\n");
 }
 
-/* A ".gz" name is unpacked into a temporary ".nii" first; returns the name to read. */
-static std::string unpacked_name(const char *name, std::string *temporary)
-{
-    size_t n = strlen(name);
-    if (n < 3 || strcmp(name + n - 3, ".gz") != 0) return name;
-    char tmpl[] = "/tmp/make_test_volumes-XXXXXX";
-    int fd = mkstemp(tmpl);
-    if (fd < 0) return "";
-    close(fd);
-    unlink(tmpl);
-    std::string out = std::string(tmpl) + ".nii";
-    gzFile in = gzopen(name, "rb");
-    FILE *fp = fopen(out.c_str(), "wb");
-    if (in == NULL || fp == NULL) {
-        if (in) gzclose(in);
-        if (fp) fclose(fp);
-        return "";
-    }
-    char buffer[65536];
-    int got;
-    while ((got = gzread(in, buffer, sizeof buffer)) > 0) fwrite(buffer, 1, (size_t)got, fp);
-    gzclose(in);
-    fclose(fp);
-    *temporary = out;
-    return out;
-}
-
+/* Reads a volume (".nii.gz" included) with the program's own reader. */
 static int read_volume(const char *name, data_stack *stack)
 {
-    std::string temporary, path = unpacked_name(name, &temporary);
-    if (path.empty()) {
-        printf("Error: cannot unpack %s\n", name);
-        return 1;
-    }
     file_list list;
     memset(&list, 0, sizeof list);
-    add_image_file(&list, path.c_str(), 0, 0);
+    add_image_file(&list, name, 0, 0);
     int nfiles = 0;
-    int status = read_SpaceTime_data(0, stack, &list, &nfiles);
-    if (!temporary.empty()) unlink(temporary.c_str());
-    return status;
+    return read_SpaceTime_data(0, stack, &list, &nfiles);
 }
 
 static int write_float_nifti(const char *name, IPOINT3D dim, POINT3D res, const float *data)

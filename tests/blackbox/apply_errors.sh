@@ -1,6 +1,7 @@
 # align-apply refuses every bad input with its message and status 1, and leaves the output
-# name as it was: nonsense options, missing files, an align.com made for another template,
-# missing distortion maps, an input on the wrong grid, an output that cannot be written.
+# name as it was: a bad option, missing files, an align.com made for another template, missing
+# distortion maps, an input on the wrong grid, an output that cannot be written. (Every option
+# refusal is checked by the ParseApplyCommand unit tests.)
 apply=$1 make_volumes=$2
 work=$(mktemp -d "${TMPDIR:-/tmp}/align-apply-XXXXXX") || exit 1
 trap 'rm -rf "$work"' EXIT
@@ -32,9 +33,6 @@ refused() {
 }
 
 T="--template tpl.nii"
-refused "unknown option" "Error: --frobnicate is not an option of align-apply." $T --alignment good.com --frobnicate ind.nii out.nii
-refused "unknown kernel" "Error: --interp cubic is not a kernel" $T --alignment good.com --interp cubic ind.nii out.nii
-refused "no output" "Error: align-apply needs an INPUT and an OUTPUT file." $T --alignment good.com ind.nii
 refused "inverse without the individual" "Error: --inverse needs --individual FILE" $T --alignment good.com --inverse tpl.nii out.nii
 refused "missing template" "Error: cannot open Nifti file none.nii." --template none.nii --alignment good.com ind.nii out.nii
 refused "missing input" "Error: cannot open Nifti file none.nii." $T --alignment good.com none.nii out.nii

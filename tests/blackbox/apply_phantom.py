@@ -100,9 +100,7 @@ run(make_volumes, "align-com", "tpl.nii", "1.5", "-6", "1", "0", "3", "-2", "1",
 
 out = apply("ind.nii", "fw.nii", "--jacobian", "jac.nii.gz", "--field", "field.nii.gz")
 apply("ind.nii.gz", "fw_gz.nii")
-apply("ind.nii", "fw.nii.gz")
 check(open("fw.nii", "rb").read() == open("fw_gz.nii", "rb").read(), ".nii and .nii.gz inputs give identical outputs")
-check(gzip.open("fw.nii.gz").read() == open("fw.nii", "rb").read(), "a .nii.gz output holds the .nii output")
 
 back_out = run(apply_bin, "--template", "tpl.nii", "--alignment", "align.com", "--inverse", "--individual",
                "ind.nii", "fw.nii", "back.nii")
@@ -113,7 +111,7 @@ apply("--inverse", "--individual", "ind.nii", "--interp", "nearest", "labels.nii
       "--jacobian", "jac_ind.nii")
 
 # Geometry: every output as nibabel reads it has the affine and codes of its grid's file.
-for name, ref in [("fw.nii", "tpl.nii"), ("fw.nii.gz", "tpl.nii"), ("jac.nii.gz", "tpl.nii"),
+for name, ref in [("fw.nii", "tpl.nii"), ("jac.nii.gz", "tpl.nii"),
                   ("field.nii.gz", "tpl.nii"), ("back.nii", "ind.nii"), ("lab_ind.nii.gz", "ind.nii"),
                   ("jac_ind.nii", "ind.nii")]:
     a, r = nib.load(name), nib.load(ref)
