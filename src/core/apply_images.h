@@ -32,5 +32,7 @@ int apply_alignment(const apply_request *request);
 /* For programs that hold the individual in memory: every volume of `input' (a stack on the
    individual's grid, such as original_unfiltered) resampled onto the template's full grid under
    the session's alignment with the accurate kernel, written as float NIfTI-1 to output_name
-   with the geometry of the template file template_name. Returns 0, or 1 after a message. */
+   with the geometry of the template file template_name. The displacement maps must be on the
+   template's full grid (after a search at reduced resolution, bring the session back to full
+   resolution first). Returns 0, or 1 after a message. */
 int write_aligned_volume(const data_stack *input, const char *template_name, const char *output_name);
