@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "apply_images.h"
+#include "apply_transform.h"
 #include "fixture_writers.h"
 #include "globals.h"
 #include "session.h"
@@ -46,35 +48,21 @@ bool same_matrix(const mat44 &a, const mat44 &b)
 TEST(Session, ReadsTheIndividualFirstAndLeavesTheStartUpRecords)
 {
     ScopedTempDir dir;
-    write_pair(1, false);
+    write_pair(3, false);
     testing::internal::CaptureStdout();
-    int status = start_session("ind.nii", "tpl.nii", 0);
+    int status = start_session("ind.nii", "tpl.nii", 3);  // list type 3: the first volume only
     std::string out = testing::internal::GetCapturedStdout();
     ASSERT_EQ(status, 0) << out;
     EXPECT_EQ(out, "\nThe NIFTI header for file ind.nii uses Method 1: the old analyze format\n"
                    "\nThe NIFTI header for file tpl.nii uses Method 1: the old analyze format\n");
-    EXPECT_EQ(original_unfiltered.dim.x, 6);
-    EXPECT_EQ(template_unfiltered.dim.x, 8);
+    EXPECT_EQ(original_unfiltered.nt, 1);
     EXPECT_TRUE(same_matrix(Alignment.ijk_to_xyz, centered_ijk_to_xyz(template_unfiltered)));
     EXPECT_TRUE(same_matrix(Alignment.xyz_to_ijk, centered_xyz_to_ijk(original_unfiltered)));
     EXPECT_EQ(Alignment.dimension.z, 6);
     EXPECT_EQ(distort_x.dim.x, 8);
     ASSERT_NE(distort_x.SpaceTime.fData, nullptr);
-    // The first resampling ran: a constant individual stays constant inside its field of view
-    // (the template's centre voxel maps inside the individual).
+    // The first resampling ran: the constant first volume fills the template's centre voxel.
     EXPECT_FLOAT_EQ(individual.SpaceTime.fData[4 + 8 * (4 + 8 * 3)], 10.0f);
-}
-
-TEST(Session, ListTypeThreeReadsOnlyTheFirstVolume)
-{
-    ScopedTempDir dir;
-    write_pair(3, false);
-    testing::internal::CaptureStdout();
-    int status = start_session("ind.nii", "tpl.nii", 3);
-    testing::internal::GetCapturedStdout();
-    ASSERT_EQ(status, 0);
-    EXPECT_EQ(original_unfiltered.nt, 1);
-    EXPECT_EQ(original_unfiltered.SpaceTime.fData[0], 10.0f);
 }
 
 TEST(Session, OffDiagonalTemplateWarnsWithThePeriodOnTheNextLine)
@@ -99,14 +87,20 @@ TEST(Session, OffDiagonalTemplateWarnsWithThePeriodOnTheNextLine)
         << out;
 }
 
-TEST(Session, UnreadableTemplateFailsAfterTheIndividual)
+TEST(Session, AlignedVolumeOfTheSessionIsTheForwardApplyOfTheIndividual)
 {
     ScopedTempDir dir;
-    write_pair(1, false);
+    write_pair(2, false);
     testing::internal::CaptureStdout();
-    int status = start_session("ind.nii", "missing.nii", 0);
+    ASSERT_EQ(start_session("ind.nii", "tpl.nii", 0), 0);
+    Alignment.value[0] = 1.5f;
+    Alignment.value[4] = 3.0f;
+    int written = write_aligned_volume(&original_unfiltered, "tpl.nii", "aligned.nii.gz");
+    apply_request r = {0, APPLY_ACCURATE, "tpl.nii", "ind.nii", "ind.nii", "applied.nii.gz", nullptr, nullptr};
+    int applied = apply_alignment(&r);
     std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(status, 1);
-    EXPECT_NE(out.find("Error: cannot open Nifti file missing.nii."), std::string::npos) << out;
-    EXPECT_EQ(original_unfiltered.dim.x, 6);
+    ASSERT_EQ(written, 0) << out;
+    ASSERT_EQ(applied, 0) << out;
+    EXPECT_NE(out.find("\rResampling aligned.nii.gz: volume 2 of 2\n"), std::string::npos) << out;
+    ASSERT_TRUE(read_text_file("aligned.nii.gz") == read_text_file("applied.nii.gz"));
 }
