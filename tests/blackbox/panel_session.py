@@ -130,7 +130,7 @@ def scenario_overlays(s):
     expect_overlay(s, {}, "", "'d' clears the overlay")
     s.key("r")
     expect_overlay(s, mirrored, "yellow", "'r' reads .ovl back")
-    quit_yes(s)  # standard output reaches the file at the latest when align ends
+    quit_yes(s)
     check("4 pixels (total weight = 3.5) written to file .ovl" in open("stdout.txt").read(),
           "the count and total weight are reported")
 
