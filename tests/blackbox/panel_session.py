@@ -154,17 +154,18 @@ PN = 32  # 32 x 32 x 4 voxels of 1 mm: a 268 x 268 image area at zoom 4, the pan
 AREA = (2 * PN + 3) * 4
 
 
-def panel_rows(s, nrows):
-    """Per row of the panel: 'empty', 'text' or 'selected' (yellow text)."""
+def panel_rows(s, nrows, height=AREA):
+    """Per row of the panel: 'empty', 'text' or 'selected' (yellow text). The rows are evenly
+    spaced over the image area's height less 15 pixels; the pixel rows from 7 above a row's
+    baseline to the baseline hold ink of every character and none of the neighbouring rows
+    while rows lie at least 10 pixels apart."""
     pix = s.shot()
-    spacing = (AREA - 15) / (nrows + 1)
-    if spacing < 13:
-        spacing = 13
+    spacing = (height - 15) / (nrows + 1)
     rows = []
     for row in range(nrows):
         base = 30 + 15 + int((row + 1) * spacing)
         seen = set()
-        for y in range(base - 8, base + 2):
+        for y in range(base - 7, base + 1):
             for x in range(AREA + 4, AREA + RIGHT - 2):
                 p = pix(x, y)
                 if p != (0, 0, 0):
@@ -173,8 +174,8 @@ def panel_rows(s, nrows):
     return rows
 
 
-def expect_rows(s, nrows, text_rows, selected, what):
-    rows = panel_rows(s, nrows)
+def expect_rows(s, nrows, text_rows, selected, what, height=AREA):
+    rows = panel_rows(s, nrows, height)
     want = ["selected" if r == selected else ("text" if r in text_rows else "empty") for r in range(nrows)]
     check(rows == want, "%s: panel rows %s (got %s)" % (what, want, rows))
 
@@ -242,6 +243,31 @@ def prepare_panel():
     # the individual: an edge between x = 15 and 16, no zero voxel (zeros mask the result)
     write_nifti("ind.nii", lambda x, y, z: (50.0 if x < 16 else 200.0) + y + z, PN, PN, NZ)
     return ["ind.nii", "-t", "tpl.nii"]
+
+
+# ---- 2b: the right panel over a short image area ----
+
+SHORT_NY = 21  # 32 x 21 x 4 voxels: a 268 x 180 image area at zoom 4, rows 10.3 pixels apart
+SHORT_AREA = (2 * SHORT_NY + 3) * 4
+SET0_SHORT = {0, 1, 2, 3, 5, 6, 7, 9, 10, 11, 12}  # under 200 pixels: 15 rows, no parity lines
+
+
+def prepare_short_panel():
+    write_nifti("tpl.nii", lambda x, y, z: 10.0 + x + 2.0 * y + 3.0 * z, PN, SHORT_NY, NZ)
+    write_nifti("ind.nii", lambda x, y, z: 50.0 + x + y + z, PN, SHORT_NY, NZ)
+    return ["ind.nii", "-t", "tpl.nii"]
+
+
+def scenario_short_panel(s):
+    _, _, _, height = s.geometry()
+    check(height == SHORT_AREA + 75, "image area %d pixels high" % SHORT_AREA)
+    s.move(*s.panel)
+    expect_rows(s, 15, SET0_SHORT, 0, "every row of the setup set, the z step included", SHORT_AREA)
+    s.key("Down", "Down", "Down", "Down", "Down", "Right")
+    expect_rows(s, 15, SET0_SHORT | {14}, 10, "'change res.' on the last row once offered", SHORT_AREA)
+    s.key("Down", "Down", "Down")
+    expect_rows(s, 15, SET0_SHORT | {14}, 14, "Down past y and z selects 'change res.'", SHORT_AREA)
+    quit_yes(s)
 
 
 # ---- 3: automatic affine alignment of a shifted phantom ----
@@ -382,6 +408,8 @@ def main():
         args = prepare_overlays()
     elif scenario == "panel":
         args = prepare_panel()
+    elif scenario == "short_panel":
+        args = prepare_short_panel()
     elif scenario == "affine":
         args = prepare_affine(make_volumes)
     elif scenario == "nonlinear":
@@ -391,7 +419,8 @@ def main():
     s = Session(align, args)
     _, _, width, _ = s.geometry()
     s.panel = (width - RIGHT // 2, 60)
-    bodies = {"overlays": scenario_overlays, "panel": scenario_panel, "affine": scenario_affine,
+    bodies = {"overlays": scenario_overlays, "panel": scenario_panel, "short_panel": scenario_short_panel,
+              "affine": scenario_affine,
               "nonlinear": scenario_nonlinear, "realdata": lambda s: scenario_realdata(s, make_volumes)}
     run_scenario(s, bodies[scenario], work, scenario)
 
