@@ -194,7 +194,9 @@ static void action_image_toggle_text_selection(int button)
     case 8: mosaic.display_crosshairs = (mosaic.display_crosshairs + 1) % 3; build_image_display(1); break;
     case 16: toggle_three_planes(); break;
     case 32: mosaic.flip_X11_y = !mosaic.flip_X11_y; build_image_display(1); break;
-    case 64: action_change_display_type(0); break;
+    /* button 1 steps on through individual, template, x, y and z fields and the basis image;
+       buttons 2 and 3 step back. The space key keeps to individual and template. */
+    case 64: action_change_display_type(button == 1 ? 1 : -1); break;
     case 128:
         mosaic.display_data_type = (mosaic.display_data_type + 1) % 4;
         rescale_image(1);

@@ -270,6 +270,56 @@ def scenario_short_panel(s):
     quit_yes(s)
 
 
+# ---- 2c: the "display" menu item steps through what the image area shows ----
+
+DISPLAY_ITEM = (25, 22)  # first item of the second menu row
+
+
+def shown(s):
+    """What row y = 20 of each of the four panels shows: 'flat' (one grey: an empty map),
+    'edge' (a few greys: the individual's two levels and the resampled edge between them) or
+    'ramp' (a grey per voxel: the template)."""
+    pix = s.shot()
+    kinds = set()
+    for z in range(NZ):
+        n = len(set(image_row(pix, 20, z)))
+        kinds.add("flat" if n == 1 else ("edge" if n <= 6 else ("ramp" if n >= PN - 2 else "other %d" % n)))
+    return " ".join(sorted(kinds))
+
+
+def basis_image(s):
+    """The colours of every voxel of the four panels."""
+    pix = s.shot()
+    return [pix(*grid_pixel(x, y, z, 4, PN, PN)) for z in range(NZ) for y in range(PN) for x in range(PN)]
+
+
+def scenario_display_types(s):
+    check(shown(s) == "edge", "the individual at the start")
+    s.click(*DISPLAY_ITEM)
+    check(shown(s) == "ramp", "button 1 on 'display': the template")
+    for what in ("x field", "y field", "z field", "basis image"):
+        s.click(*DISPLAY_ITEM)
+        check(shown(s) == "flat", "button 1 again: the %s, empty so far" % what)
+    s.click(*DISPLAY_ITEM)
+    check(shown(s) == "edge", "button 1 on the basis image wraps to the individual")
+    s.click(*s.panel)
+    s.click(*s.panel)  # the non-linear set: item 6 marks the basis function n of N for viewing
+    s.move(*s.panel)
+    s.key(*["Down"] * 6, "x")
+    s.click(*DISPLAY_ITEM, button=3)
+    first = basis_image(s)
+    check(len(set(first)) > 2, "button 3 from the individual: the marked basis function, in greys")
+    s.move(*s.panel)
+    s.key("Right")
+    second = basis_image(s)
+    check(len(set(second)) > 2 and second != first, "Right on it shows the next basis function")
+    s.click(*DISPLAY_ITEM, button=2)
+    check(shown(s) == "flat", "button 2 steps back to the z field")
+    s.key("space")
+    check(shown(s) == "edge", "space from a field returns to the individual")
+    quit_yes(s)
+
+
 # ---- 3: automatic affine alignment of a shifted phantom ----
 
 SHIFT = 6.0  # mm along x; the phantom has 2 mm voxels
@@ -410,6 +460,8 @@ def main():
         args = prepare_panel()
     elif scenario == "short_panel":
         args = prepare_short_panel()
+    elif scenario == "display_types":
+        args = prepare_panel()
     elif scenario == "affine":
         args = prepare_affine(make_volumes)
     elif scenario == "nonlinear":
@@ -420,6 +472,7 @@ def main():
     _, _, width, _ = s.geometry()
     s.panel = (width - RIGHT // 2, 60)
     bodies = {"overlays": scenario_overlays, "panel": scenario_panel, "short_panel": scenario_short_panel,
+              "display_types": scenario_display_types,
               "affine": scenario_affine,
               "nonlinear": scenario_nonlinear, "realdata": lambda s: scenario_realdata(s, make_volumes)}
     run_scenario(s, bodies[scenario], work, scenario)
