@@ -701,7 +701,11 @@ void action_select_slices(void)
 void action_key_question_mark(void)
 {
     reset_cursor_selections();
-    show_on_info_line("select a region with a mouse press", "output to shell window", "other keys cancel");
+    /* The information line joins its first two texts with a blank: the second is put in
+       brackets so that the two read apart. */
+    char prompt[1024];
+    snprintf(prompt, sizeof prompt, "%s (%s)", "select a region with a mouse press", "output to shell window");
+    show_on_info_line(prompt, "", "other keys cancel");
     for (;;) {
         XEvent event;
         int which = get_next_event(&event);

@@ -320,6 +320,66 @@ def scenario_display_types(s):
     quit_yes(s)
 
 
+# ---- 2d: the help texts and the context help ----
+
+ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
+
+
+def printed_help(name):
+    """A help file as align prints it: an empty line first, and on every line the text from
+    the first hash mark on (the line's end included) left out."""
+    text = "\n"
+    for line in open(os.path.join(ROOT, "documentation", name)):
+        text += line[:line.index("#")] if "#" in line else line
+    return text
+
+
+def text_cells(pix, baseline, ncells):
+    """Per character cell of the fixed 6-pixel font from x = 4 on a line of yellow text:
+    True where the cell holds ink."""
+    return [any(pix(4 + 6 * i + dx, y) == (255, 255, 0) for dx in range(6) for y in range(baseline - 9, baseline + 3))
+            for i in range(ncells)]
+
+
+def expect_text(pix, baseline, text, what):
+    got = text_cells(pix, baseline, len(text) + 2)
+    want = [c != " " for c in text] + [False, False]
+    show = lambda cells: "".join("x" if c else "." for c in cells)
+    check(got == want, "%s: the line reads '%s' (ink %s, wanted %s)" % (what, text, show(got), show(want)))
+
+
+def scenario_help(s):
+    out = lambda: open("stdout.txt").read()
+    s.move(40, 60)
+    start = len(out())
+    s.key("h")
+    keys = out()[start:]
+    check(keys == printed_help("align-interactive-help1.txt"), "'h' prints the key help whole")
+    check("  number sign (the key of the hash mark)" in keys.splitlines(), "the key help names the slice selection key")
+    start = len(out())
+    s.key("H")
+    panel = out()[start:]
+    check(panel == printed_help("align-interactive-help2.txt"), "'H' prints the mouse and panel help whole")
+    check("  Left/Right change the value of the selected parameter by its step." in panel.splitlines(),
+          "the panel help says that Left/Right change the value")
+
+    s.click(8, 8)  # "?", the first item of the top menu: context help
+    band = AREA + 30
+    pix = s.shot()
+    expect_text(pix, band + 27, "select a region with a mouse press (output to shell window)", "context help prompt")
+    expect_text(pix, band + 42, "other keys cancel", "context help prompt, second row")
+    start = len(out())
+    s.click(*s.panel)
+    lines = out()[start:].splitlines()
+    entry = ["The alignment control panel. Button 1 shows the next panel, buttons 2",
+             "and 3 the previous one. Up/Down (or the wheel) choose an item, and",
+             "Left/Right change it. Press x to mark a parameter for the automatic",
+             "search, a or A to start it."]
+    want = ["Help from file %s/documentation/align-question-mark.txt" % ROOT, "message code 33 0"] + entry
+    check(lines == want, "a click on the panel prints its help entry (%s)" % lines)
+    quit_yes(s)
+
+
 # ---- 3: automatic affine alignment of a shifted phantom ----
 
 SHIFT = 6.0  # mm along x; the phantom has 2 mm voxels
@@ -462,6 +522,9 @@ def main():
         args = prepare_short_panel()
     elif scenario == "display_types":
         args = prepare_panel()
+    elif scenario == "help":
+        os.environ["QOR_HOME"] = ROOT
+        args = prepare_panel()
     elif scenario == "affine":
         args = prepare_affine(make_volumes)
     elif scenario == "nonlinear":
@@ -472,7 +535,7 @@ def main():
     _, _, width, _ = s.geometry()
     s.panel = (width - RIGHT // 2, 60)
     bodies = {"overlays": scenario_overlays, "panel": scenario_panel, "short_panel": scenario_short_panel,
-              "display_types": scenario_display_types,
+              "display_types": scenario_display_types, "help": scenario_help,
               "affine": scenario_affine,
               "nonlinear": scenario_nonlinear, "realdata": lambda s: scenario_realdata(s, make_volumes)}
     run_scenario(s, bodies[scenario], work, scenario)
