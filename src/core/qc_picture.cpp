@@ -78,11 +78,16 @@ void qc_render(const qc_volumes *v, const qc_layout *layout, unsigned char *rgb)
         if (v->tpl[i] != 0.0f && std::isfinite(v->tpl[i])) values.push_back(v->tpl[i]);
     float grey_lo = percentile(values, 0.01), grey_hi = percentile(values, 0.99);
     if (!(grey_hi > grey_lo)) grey_hi = grey_lo + 1.0f;
+    /* the edge threshold from the drawn slices only (the volumes need not be known elsewhere) */
     values.clear();
     for (int z = 0; z < d.z; z++)
         for (int y = 0; y < d.y; y++)
-            for (int x = 0; x < d.x; x++)
-                if (v->tpl[voxel_index(d, x, y, z)] != 0.0f) values.push_back(gradient_magnitude(v->after, d, r, x, y, z));
+            for (int x = 0; x < d.x; x++) {
+                int drawn = z == layout->slice[0] || z == layout->slice[1] || z == layout->slice[2] ||
+                            y == layout->slice[3] || x == layout->slice[4];
+                if (drawn && v->tpl[voxel_index(d, x, y, z)] != 0.0f)
+                    values.push_back(gradient_magnitude(v->after, d, r, x, y, z));
+            }
     float edge = percentile(values, 0.9);
     if (!(edge > 0.0f)) edge = 1e30f;
 

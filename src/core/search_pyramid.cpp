@@ -130,7 +130,7 @@ IPOINT3D reduced_dim(IPOINT3D dim, POINT3D res, POINT3D voxel_mm)
 }
 
 void build_level(search_level *L, const grid_volume *tpl, const grid_volume *mask, const grid_volume *ind,
-                 double voxel_mm, int full, int erode)
+                 double voxel_mm, int full, int erode, int lattice)
 {
     memset(L, 0, sizeof *L);
     POINT3D target = {(float)(voxel_mm / tpl->res.x * tpl->res.x), (float)(voxel_mm / tpl->res.x * tpl->res.y),
@@ -172,6 +172,12 @@ void build_level(search_level *L, const grid_volume *tpl, const grid_volume *mas
                         if (!keep[i + st[a]] || !keep[i - st[a]]) L->inside[i] = 0;
                 }
     }
+    if (lattice > 1)
+        for (int z = 0; z < nz; z++)
+            for (int y = 0; y < ny; y++)
+                for (int x = 0; x < nx; x++)
+                    if (x % lattice != 0 || y % lattice != 0 || z % lattice != 0)
+                        L->inside[(size_t)x + (size_t)nx * ((size_t)y + (size_t)ny * z)] = 0;
     free_grid(&m);
     double sum[4][4];
     memset(sum, 0, sizeof sum);
@@ -191,7 +197,7 @@ void build_level(search_level *L, const grid_volume *tpl, const grid_volume *mas
                     continue;
                 }
                 int near = 0;
-                for (int dz = -1; dz <= 1 && !near; dz++)
+                for (int dz = -1; dz <= 1 && !near && lattice <= 1; dz++)
                     for (int dy = -1; dy <= 1 && !near; dy++)
                         for (int dx = -1; dx <= 1 && !near; dx++) {
                             int xx = x + dx, yy = y + dy, zz = z + dz;
