@@ -323,7 +323,7 @@ static double partial_volume_mi(const search_level *L, const float *I, const mi_
             }
         }
     });
-    static double joint[MI_BINS][MI_BINS];
+    double joint[MI_BINS][MI_BINS];
     double pa[MI_BINS], pt[MI_BINS], total = 0.0;
     memset(joint, 0, sizeof joint);
     for (int z = 0; z < nz; z++)

@@ -355,9 +355,10 @@ int run_batch_alignment(const batch_options *o)
         free_float_vector(after);
         return 1;
     }
-    resample_picture_planes(&layout, before);
-    transform_coordinates(1, 0);
+    /* the session's first resampling is the start's; the picture's planes then take its place
+       (both searches resample before they read individual) */
     r.similarity_before = cost_function(0);
+    resample_picture_planes(&layout, before);
     printf("read in %.1f s; mutual information before alignment %.4f\n", r.seconds_read, r.similarity_before);
     fflush(stdout);
 

@@ -357,14 +357,14 @@ const double robust_cutoff_sd = 3.0;
 
 double robust_cutoff(const search_level *L, const float *I, const remap_table *m)
 {
-    std::vector<float> r;
-    r.reserve((size_t)L->ninside);
-    size_t n = grid_size(L->tpl.dim);
+    if (L->ninside == 0) return 1.0;
+    float *r = float_vector((int)L->ninside);
+    size_t n = grid_size(L->tpl.dim), k = 0;
     for (size_t i = 0; i < n; i++)
-        if (L->inside[i]) r.push_back((float)fabs(I[i] - remapped(m, L->tpl.data[i])));
-    if (r.empty()) return 1.0;
-    std::nth_element(r.begin(), r.begin() + r.size() / 2, r.end());
-    double mad = r[r.size() / 2];
+        if (L->inside[i]) r[k++] = (float)fabs(I[i] - remapped(m, L->tpl.data[i]));
+    std::nth_element(r, r + k / 2, r + k);
+    double mad = r[k / 2];
+    free_float_vector(r);
     double c = robust_cutoff_sd * 1.4826 * mad;
     return c > 1e-12 ? c : 1e-12;
 }
