@@ -14,6 +14,7 @@
 #include "header_quill.h"
 #include "nl_model.h"
 #include "numerics.h"
+#include "safe_save.h"
 #include "text.h"
 
 /* A deformation exists when any element of the three maps is non-zero or NaN. */
@@ -30,12 +31,17 @@ static int deformation_exists(void)
     return 0;
 }
 
+/* Every file of the save is written to a temporary in the current directory and checked; the
+   maps are renamed over the old ones first and align.com last, only when both are complete.
+   Any failure prints its message, leaves align.com and the maps as they were and returns 1
+   (the getcwd failure too, which used to leave align.com with lines 1 to 12). */
 int save_alignment_parameters(void)
 {
     FILE *fp;
+    safe_file sf;
     char cwd[1024], map_name[1024];
 
-    if ((fp = fopen("align.com", "w")) == NULL) {
+    if ((fp = safe_save_open(&sf, "align.com", "w")) == NULL) {
         printf("\nError: cannot open file align.com\n");
         return 1;
     }
@@ -64,33 +70,43 @@ int save_alignment_parameters(void)
     fprintf(fp, "set registration-skews %g %g %g\n", Alignment.value[9], Alignment.value[10],
             Alignment.value[11]);
 
-    if (deformation_exists()) {
+    int maps = deformation_exists();
+    if (maps) {
         if (getcwd(cwd, sizeof cwd) == NULL) {
             printf("Error: non-linear alignment parameters not saved.\n");
-            fclose(fp);
+            safe_save_discard(&sf);
             return 1;
         }
         printf("cwd = %s\n", cwd);
         size_t len = strlen(cwd);
         if (len + strlen("/distortions.nii") >= sizeof map_name) {
             printf("Error: non-linear alignment parameters not saved.\n");
-            fclose(fp);
+            safe_save_discard(&sf);
             return 1;
         }
         memcpy(map_name, cwd, len);
         memcpy(map_name + len, "/distortions.nii", strlen("/distortions.nii") + 1);
-        int status = write_distortion_files(map_name);
+        int status = write_distortion_temporaries(map_name);
         /* the writer cuts the name at its last '.'; put the extension back */
         len = strlen(map_name);
         if (len + 4 < sizeof map_name) memcpy(map_name + len, ".nii", 5);
         if (status != 0) {
             printf("Error writing file %s\n", map_name);
-            fclose(fp); /* closing here is harmless: the lines written so far reach the disk */
+            safe_save_discard(&sf);
             return 1;
         }
         fprintf(fp, "set registration-distortions %s\n", map_name);
     }
-    fclose(fp);
+    if (safe_save_finish(&sf) != 0) {
+        if (maps) discard_distortion_temporaries();
+        return 1;
+    }
+    if (maps && rename_distortion_temporaries() != 0) {
+        printf("Error writing file %s\n", map_name);
+        safe_save_discard(&sf);
+        return 1;
+    }
+    if (safe_save_rename(sf.temp_name, "align.com") != 0) return 1;
     printf("Alignment parameters were saved in file align.com\n");
     fflush(stdout);
     return 0;
