@@ -120,7 +120,8 @@ static int recall_failed(FILE *fp)
     return 1;
 }
 
-/* Three floats read with "%g"; 1 when they do not all compare equal to the stored ones. */
+/* Three floats read with "%g"; 1 when they do not all compare equal to the stored ones (a
+   value that is not finite never matches a template that was read, so it is refused here). */
 static int read_and_compare(const char *value, POINT3D stored, const char *keyword, const char *what)
 {
     POINT3D p;
@@ -133,6 +134,25 @@ static int read_and_compare(const char *value, POINT3D stored, const char *keywo
     if (!(p.x == stored.x && p.y == stored.y && p.z == stored.z)) {
         printf("Error: the new %s (%g,%g,%g) does not match the template (%g,%g,%g)\n", what, p.x, p.y,
                p.z, stored.x, stored.y, stored.z);
+        return 1;
+    }
+    return 0;
+}
+
+/* Three parameter values read with "%f" into Alignment.value[first..first+2]; 1 after the
+   message naming message_keyword when the line does not hold three finite numbers. A line
+   that stops early keeps the numbers read before the fault, as sscanf leaves them; a number
+   that is not finite (nan, inf, or beyond the float range) is not stored at all, so that no
+   search ever starts from it. */
+static int read_three_values(const char *value, int first, const char *message_keyword)
+{
+    float v[3] = {Alignment.value[first], Alignment.value[first + 1], Alignment.value[first + 2]};
+    int n = sscanf(value, "%f %f %f", &v[0], &v[1], &v[2]);
+    int finite = std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]);
+    if (finite)
+        for (int i = 0; i < 3; i++) Alignment.value[first + i] = v[i];
+    if (n != 3 || !finite) {
+        printf("Error reading the value of `set %s'\n", message_keyword);
         return 1;
     }
     return 0;
@@ -198,27 +218,15 @@ int recall_alignment_parameters(void)
                 return recall_failed(fp);
             }
         } else if (strcmp(keyword, "registration-translations") == 0) {
-            if (sscanf(value, "%f %f %f", &Alignment.value[0], &Alignment.value[1], &Alignment.value[2]) != 3) {
-                printf("Error reading the value of `set registration-translations'\n");
-                return recall_failed(fp);
-            }
+            if (read_three_values(value, 0, "registration-translations")) return recall_failed(fp);
         } else if (strcmp(keyword, "registration-rotations") == 0) {
-            if (sscanf(value, "%f %f %f", &Alignment.value[3], &Alignment.value[4], &Alignment.value[5]) != 3) {
-                printf("Error reading the value of `set registration-rotations'\n");
-                return recall_failed(fp);
-            }
+            if (read_three_values(value, 3, "registration-rotations")) return recall_failed(fp);
         } else if (strcmp(keyword, "registration-inflations") == 0) {
-            if (sscanf(value, "%f %f %f", &Alignment.value[6], &Alignment.value[7], &Alignment.value[8]) != 3) {
-                printf("Error reading the value of `set registration-inflations'\n");
-                return recall_failed(fp);
-            }
+            if (read_three_values(value, 6, "registration-inflations")) return recall_failed(fp);
         } else if (strcmp(keyword, "registration-skews") == 0) {
-            if (sscanf(value, "%f %f %f", &Alignment.value[9], &Alignment.value[10], &Alignment.value[11]) != 3) {
-                /* Deliberate: the inflations text; there is no skews message.
-                   Pinned by Recall.MalformedSkewsNamesInflations. */
-                printf("Error reading the value of `set registration-inflations'\n");
-                return recall_failed(fp);
-            }
+            /* Deliberate: the inflations text; there is no skews message.
+               Pinned by Recall.MalformedSkewsNamesInflations. */
+            if (read_three_values(value, 9, "registration-inflations")) return recall_failed(fp);
         } else if (strcmp(keyword, "registration-distortions") == 0) {
             /* The header reader strips the line feed from the name in place; the cleaned
                name is used from here on. */

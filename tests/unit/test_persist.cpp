@@ -247,6 +247,38 @@ TEST(Recall, BadValuesPrintTheirMessages)
     }
 }
 
+TEST(Recall, NumbersThatAreNotFiniteAreReadErrorsOfTheirKeyword)
+{
+    // Not stored either, so that no search starts from them; the skews keep the inflations text.
+    struct Case {
+        const char *line, *message;
+        int first;
+    } cases[] = {
+        {"set registration-translations nan 0 0\n", "Error reading the value of `set registration-translations'\n", 0},
+        {"set registration-rotations 0 inf 0\n", "Error reading the value of `set registration-rotations'\n", 3},
+        {"set registration-inflations 1 1 1e39\n", "Error reading the value of `set registration-inflations'\n", 6},
+        {"set registration-skews 0 0 -nan\n", "Error reading the value of `set registration-inflations'\n", 9},
+    };
+    for (const Case &c : cases) {
+        ScopedTempDir dir;
+        set_geometry();
+        for (int j = 0; j < 12; j++) Alignment.value[j] = 0.5f * j;
+        write_text_file("align.com", c.line);
+        int status;
+        EXPECT_EQ(recall_output(&status), c.message) << c.line;
+        EXPECT_EQ(status, 1) << c.line;
+        for (int j = c.first; j < c.first + 3; j++) EXPECT_EQ(Alignment.value[j], 0.5f * j) << c.line << j;
+    }
+    // 1e30 is a float: it is read and kept.
+    ScopedTempDir dir;
+    set_geometry();
+    write_text_file("align.com", "set registration-translations 1e30 0 0\n");
+    int status;
+    recall_output(&status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(Alignment.value[0], 1e30f);
+}
+
 TEST(Recall, NaNGeometryNeverMatches)
 {
     ScopedTempDir dir;
