@@ -97,10 +97,20 @@ void ParabolicInterpolation(float X3Point[3], float Y3Point[3], float *XMax, flo
     exit(1);
 }
 
+/* Two resamplings that differ by rounding at most: every voxel within a millionth of its
+   earlier value (a constant individual comes back as its value give or take an ulp, however
+   it is moved). */
+static int same_but_for_rounding(const float *now, const float *before, size_t n)
+{
+    for (size_t i = 0; i < n; i++)
+        if (!(fabsf(now[i] - before[i]) <= 1e-6f * fabsf(before[i]))) return 0;
+    return 1;
+}
+
 /* For a march step that left the similarity as it was: 1 when the resampled individual is
-   also exactly as the previous such step left it, so that the step changed nothing; otherwise
-   0, after keeping a copy of it in *copy (allocated here, freed by the caller) for the next
-   step. Always 0 while no individual is allocated. */
+   also as the previous such step left it (but for rounding), so that the step changed
+   nothing; otherwise 0, after keeping a copy of it in *copy (allocated here, freed by the
+   caller) for the next step. Always 0 while no individual is allocated. */
 static int step_changed_nothing(float **copy, int *have_copy)
 {
     size_t n = individual.n3d > 0 ? (size_t)individual.n3d : 0;
@@ -108,7 +118,7 @@ static int step_changed_nothing(float **copy, int *have_copy)
         return 0;
     const float *now = individual.SpaceTime.fData + (size_t)graph.iTime * n;
     if (*copy == NULL) *copy = float_vector((int)n);
-    else if (*have_copy && memcmp(*copy, now, n * sizeof(float)) == 0) return 1;
+    else if (*have_copy && same_but_for_rounding(now, *copy, n)) return 1;
     memcpy(*copy, now, n * sizeof(float));
     *have_copy = 1;
     return 0;
@@ -116,9 +126,9 @@ static int step_changed_nothing(float **copy, int *have_copy)
 
 /* The march of a line scan may stop only where nothing changes any more: a step whose
    similarity equals the best so far and whose resampled individual equals the previous such
-   step's (an empty or constant individual, a parameter without effect on the template grid,
-   or every template voxel moved off the individual's grid). A real similarity never does both,
-   so those scans are not touched. */
+   step's but for rounding (an empty or constant individual, a parameter without effect on the
+   template grid, or every template voxel moved off the individual's grid). A real similarity
+   never does both, so those scans are not touched. */
 void line_scan_1d(int icost, float cost_initial, float *cost_final, float *increment_final)
 {
     int p = AlignAid.iParameter;
