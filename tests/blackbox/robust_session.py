@@ -10,6 +10,9 @@ parameter must end, each within a time limit, with the messages that explain why
   slice         a template of one slice (its size-z changes nothing)
 save_full_disk: a batch run whose save fails (a file-size limit stands in for a full disk)
   ends with status 1 and leaves align.com and distortions.nii byte for byte as they were.
+quit_save_fails: "q" then "y" when align.com cannot be written (a directory of that name)
+  keeps the session open, so the alignment is not lost; once the way is clear, quitting
+  again saves and ends with status 0.
 resolution_redraw: 'a' over the image with an individual whose resolution differs per axis
   (64 x 8 x 8 voxels of 1 x 2 x 2 mm against a 1 mm template of 64 x 16 x 16) reduces the
   template grid and redraws it; the session goes on to "done" and quits normally.
@@ -176,14 +179,38 @@ def scenario_resolution_redraw():
     return s, body
 
 
+def scenario_quit_save_fails():
+    write_nifti("ind.nii", (N, N, N), (RES,) * 3, lambda x, y, z, t: phantom(x, y, z, 3.0))
+    write_nifti("tpl.nii", (N, N, N), (RES,) * 3, lambda x, y, z, t: phantom(x, y, z))
+    os.mkdir("align.com")
+    s = Session(ALIGN, ("ind.nii", "-t", "tpl.nii"))
+
+    def body(s):
+        s.move(40, 60)
+        s.key("q", "y")
+        time.sleep(1.0)
+        s.out.flush()
+        text = open("stdout.txt").read()
+        check(s.proc.poll() is None, "a quit whose save fails leaves the session running")
+        check("Error: align.com could not be written (Is a directory); the previous file is kept." in text,
+              "the failed save is reported")
+        check(not [f for f in os.listdir(".") if f.startswith(".part-")], "no temporary file is left")
+        os.rmdir("align.com")
+        s.key("q", "y")
+        s.proc.wait(timeout=120)
+        check(s.proc.returncode == 0, "the second quit saves and ends with status 0")
+        check("set registration-translations" in open("align.com").read(), "align.com was saved")
+    return s, body
+
+
 def main():
     global ALIGN
     ALIGN, scenario = os.path.abspath(sys.argv[1]), sys.argv[2]
     work = tempfile.mkdtemp(prefix="align-robust-")
     os.chdir(work)
     os.environ.pop("QOR_HOME", None)
-    if scenario == "resolution_redraw":
-        s, body = scenario_resolution_redraw()
+    if scenario in ("resolution_redraw", "quit_save_fails"):
+        s, body = scenario_resolution_redraw() if scenario == "resolution_redraw" else scenario_quit_save_fails()
         run_scenario(s, body, work, scenario)
         return
     try:
