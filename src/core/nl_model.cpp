@@ -163,7 +163,10 @@ void update_nonlinear_alignment_parameters(int recalculate_distortions)
         int g[3] = {AlignNL.BasisGrid.x, AlignNL.BasisGrid.y, AlignNL.BasisGrid.z};
         int count[3];
         for (int a = 0; a < 3; a++) {
-            fw[a] = (int)rintf((float)d[a] / (float)g[a]);
+            /* A grid of no cell along an axis (a one-slice template gets 0 from its cell
+               rounding) is as wide as the axis: d / g grows without bound as g falls to 0. */
+            float f = g[a] != 0 ? (float)d[a] / (float)g[a] : (float)d[a];
+            fw[a] = (int)rintf(f);
             if (fw[a] < 1) fw[a] = 1;
             count[a] = calc_number_NL_basis_functions(d[a], fw[a], &peak[a], &start[a], &end[a]);
         }

@@ -262,6 +262,15 @@ TEST(CreateBasisFunctionImage, WritesTheCurrentBasisInsideItsBoxOnly)
     EXPECT_GT(map_at(&NL_bases, 8, 8, 15), 0.9f);
 }
 
+TEST(UpdateNonlinearAlignmentParameters, AGridOfNoCellAlongAnAxisSpansThatAxis)
+{
+    // A thin template rounds its z cell count to 0: the z half-width is the whole axis, 2.
+    make_model(16, 16, 2, {8, 8, 0});
+    EXPECT_EQ(AlignNL.BasisFWHM.x, 2);
+    EXPECT_EQ(AlignNL.BasisFWHM.z, 2);
+    for (int n = 0; n < AlignNL.NBasis; n++) ASSERT_LE(AlignNL.Index3DEnd[n].z, 2) << n;
+}
+
 TEST(UpdateNonlinearAlignmentParameters, NewTemplateDimensionsLayTheGridOutAgain)
 {
     // 16 voxels, 4 cells: half-width 4. A resolution change halves the template along x

@@ -207,3 +207,17 @@ TEST(ActionChangeResolution, NonlinearRunAfterwardsLaysItsGridOutOnTheReducedTem
     }
     DisplayHooks = {};
 }
+
+TEST(ActionChangeResolution, AStepAboveTheTemplateSizeLeavesOneVoxel)
+{
+    start_up(4, 4, 3, 4, 4, 4, 1, 0);
+    initialize_alignment();
+    filter_image_data();
+    install_counting_hooks();
+    AlignAid.SubSampleSetting = {1, 1, 6};
+    action_change_resolution();
+    EXPECT_EQ(Alignment.dimension.z, 1);
+    EXPECT_EQ(template_.dim.z, 1);
+    EXPECT_FLOAT_EQ(Alignment.resolution.z, 2.0f * 3.0f);
+    DisplayHooks = {};
+}
