@@ -344,18 +344,6 @@ TEST(LineScan, StopsWhereItsStepsNoLongerChangeTheResampledIndividual)
     AffineTrial.resample = transform_coordinates;
 }
 
-TEST(AffineLevels, AnEmptyIndividualEndsTheSearchWithoutMovingAnything)
-{
-    start_up_empty_individual();
-    AlignAid.DisplaySet = 1;
-    testing::internal::CaptureStdout();
-    auto_adjust_affine_iterations(0, 3, 1);
-    std::string out = testing::internal::GetCapturedStdout();
-    for (int j = 0; j < 12; j++) EXPECT_EQ(Alignment.value[j], (j >= 6 && j <= 8) ? 1.0f : 0.0f) << j;
-    EXPECT_NE(out.find("The line search of phi_yz stops at"), std::string::npos);
-    AffineTrial.resample = transform_coordinates;
-}
-
 namespace {
 float peak_at_origin(const float *v)
 {
