@@ -166,6 +166,32 @@ TEST(WriteDistortionFiles, BshortNameWritesHeaderAndFloatData)
     EXPECT_EQ(data, want);
 }
 
+TEST(WriteDistortionFiles, AFullDiskKeepsBothFilesOfTheOldPair)
+{
+    // The .hdr (about 120 bytes) fits a disk of 512 bytes a file, the .bfloat (720) does not:
+    // neither file of the pair changes, and nothing is left behind.
+    ScopedTempDir dir;
+    set_up_maps();
+    char name[1024] = "maps.bfloat";
+    ASSERT_EQ(write_distortion_files(name), 0);
+    std::string old_hdr = read_text_file("maps.hdr"), old_data = read_text_file("maps.bfloat");
+    template_.origin.x = 99.0f;
+    clear_maps(3.0f);
+    snprintf(name, sizeof name, "maps.bfloat");
+    testing::internal::CaptureStdout();
+    int status;
+    {
+        ScopedFileSizeLimit disk(512);
+        status = write_distortion_files(name);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Error: maps.bfloat could not be written (File too large); the previous file is kept.\n");
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(read_text_file("maps.hdr"), old_hdr);
+    EXPECT_EQ(read_text_file("maps.bfloat"), old_data);
+    EXPECT_EQ(leftover_temporaries(), 0);
+}
+
 TEST(WriteDistortionFiles, UnwritableNiftiPrintsOnlyItsOwnMessage)
 {
     ScopedTempDir dir;
