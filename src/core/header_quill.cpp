@@ -62,6 +62,20 @@ static int check_sizes(const QL_HEADER *header)
     return 0;
 }
 
+/* Refuses voxel sizes that no geometry can use: not a number, infinite, zero or negative,
+   whichever header gave them (NIfTI pixdim, a quill "resolution" line, FreeSurfer corners
+   and slice thickness). A negative size would make negative image widths downstream. */
+static int check_voxel_size(const QL_HEADER *header)
+{
+    const POINT3D &r = header->resolution;
+    if (std::isfinite(r.x) && std::isfinite(r.y) && std::isfinite(r.z) && r.x > 0.0f && r.y > 0.0f &&
+        r.z > 0.0f)
+        return 0;
+    printf("Error: the voxel size (%g,%g,%g) given for %s must be positive and finite.\n", r.x, r.y, r.z,
+           header->file_name);
+    return 1;
+}
+
 int read_volume_header(char *name, QL_HEADER *header)
 {
     set_header_defaults(header);
@@ -96,7 +110,7 @@ int read_volume_header(char *name, QL_HEADER *header)
         header->file_type = header->storage_type;
     }
 
-    if (check_sizes(header)) return 1;
+    if (check_sizes(header) || check_voxel_size(header)) return 1;
     header->xyz_to_ijk = invert_mat44(header->ijk_to_xyz);
     header->fov.x = header->dim.x * header->resolution.x;
     header->fov.y = header->dim.y * header->resolution.y;
