@@ -61,19 +61,45 @@ static void slice_file_name(char slice[1024], const char *base, int z, int stora
     if (snprintf(slice, 1024, "%s%03d.%s", base, z, extension) >= 1024) slice[1023] = '\0';
 }
 
-/* 1 when the file exists and has been sized, 0 when it cannot be looked at. */
-static int file_size(const char *name, long long *size)
+/* Ends the program as a failing seek does: the offset cannot be reached in that file. */
+static void seek_failed(long offset, const char *name)
 {
-    struct stat st;
-    if (stat(name, &st) != 0 || !S_ISREG(st.st_mode)) return 0;
-    *size = (long long)st.st_size;
-    return 1;
+    fflush(stdout);
+    fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, name);
+    exit(1);
 }
 
-/* Before the array is allocated, makes sure that each data file holds the values its header
-   promises, so that an absurd header costs no memory. A file short of data fails with the
-   message its read would give; the check stops at the first file that cannot be looked at,
-   which the read then reports. Returns 1 on failure. */
+/* A whole byte count for fseek: the float truncated; a value no long can hold gives -1,
+   which the seek refuses. */
+static long seek_offset(float voxel_offset)
+{
+    if (!(voxel_offset > -9.0e18f && voxel_offset < 9.0e18f)) return -1;
+    return (long)voxel_offset;
+}
+
+/* The size of a regular file. 0 when it is one; otherwise 1 after the message its read
+   would give when it does not exist ("cannot open", in the reader's words), or a message of
+   its own when it is something other than a regular file (a directory, a device, a pipe),
+   whose size cannot vouch for the data. */
+static int data_file_size(const char *name, const char *missing_format, long long *size)
+{
+    struct stat st;
+    if (stat(name, &st) != 0) {
+        printf(missing_format, name);
+        return 1;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        printf("\nError: %s is not a regular file.\n", name);
+        return 1;
+    }
+    *size = (long long)st.st_size;
+    return 0;
+}
+
+/* Before the array is allocated, makes sure that each data file exists and holds the values
+   its header promises, so that an absurd header costs no memory. A missing or short file
+   fails with the message its read would give, and an offset that no seek can reach ends the
+   program as the seek would. Returns 1 on failure. */
 static int check_data_sizes(data_stack *stack1, file_list *file_info)
 {
     for (file_list *node = file_info; node != NULL; node = node->next) {
@@ -85,7 +111,13 @@ static int check_data_sizes(data_stack *stack1, file_list *file_info)
             for (int z = 0; z < h->dim.z; z++) {
                 char slice[1024];
                 slice_file_name(slice, node->file_name, z, h->storage_type);
-                if (!file_size(slice, &size)) return 0;
+                struct stat st;
+                if (stat(slice, &st) != 0 || !S_ISREG(st.st_mode)) {
+                    /* the read names the base, not the slice */
+                    printf("\nError: cannot open file %s\n", node->file_name);
+                    return 1;
+                }
+                size = (long long)st.st_size;
                 if (size < need) {
                     /* Deliberate: float slices get the same "short data" text.
                        Pinned by ReadFreesurferFile.SlicesFillTheirPlanesOfEveryVolume. */
@@ -96,10 +128,9 @@ static int check_data_sizes(data_stack *stack1, file_list *file_info)
             continue;
         }
         int bytes = storage_bytes(h->storage_type);
-        if (bytes == 0) continue;
-        if (!file_size(node->file_name, &size)) return 0;
+        if (data_file_size(node->file_name, "\nError: cannot open file %s.\n", &size)) return 1;
         double offset = (double)h->voxel_offset;
-        if (offset < 0.0) return 0; /* the seek itself reports it */
+        if (offset < 0.0) seek_failed(seek_offset(h->voxel_offset), node->file_name);
         double need = floor(offset) + (double)node->nt * (double)stack1->npts_volume * bytes;
         if (!((double)size >= need)) { /* a NaN offset fails too */
             printf("Error reading the data from file %s\n", node->file_name);
@@ -123,6 +154,13 @@ int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *fi
     for (file_list *node = file_info; node != NULL; node = node->next) {
         QL_HEADER header;
         if (read_volume_header(node->file_name, &header)) return 1;
+        if (header.file_type != FILE_FREESURFER && storage_bytes(header.storage_type) == 0) {
+            /* its values would never be read: refused before anything is allocated */
+            printf("Error: no storage type is given for %s; its header needs a storage-type line\n",
+                   node->file_name);
+            printf("(short, float, long, unsigned-short or unsigned-char).\n");
+            return 1;
+        }
 
         if (!have_reference) {
             have_reference = 1;
@@ -235,14 +273,6 @@ static float stored_value(const void *buffer, int storage_type, size_t j, int sw
     }
 }
 
-/* A whole byte count for fseek: the float truncated; a value no long can hold gives -1,
-   which the seek refuses. */
-static long seek_offset(float voxel_offset)
-{
-    if (!(voxel_offset > -9.0e18f && voxel_offset < 9.0e18f)) return -1;
-    return (long)voxel_offset;
-}
-
 int read_quill_file(data_stack *stack1, file_list *file_info)
 {
     const QL_HEADER *h = &file_info->header;
@@ -259,9 +289,8 @@ int read_quill_file(data_stack *stack1, file_list *file_info)
     }
     long offset = seek_offset(h->voxel_offset);
     if (fseek(fp, offset, SEEK_SET) != 0) {
-        fflush(stdout);
-        fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, name);
-        exit(1);
+        fclose(fp);
+        seek_failed(offset, name);
     }
 
     int bytes = storage_bytes(h->storage_type);

@@ -4,7 +4,8 @@
 #include "types.h"
 /* Reads every header of the list (checked against the first file the run ever read), then
    allocates npts_volume*nt floats and reads each file; *nfiles = files read. Returns 0, or 1
-   after a message. Stacks beyond one 32-bit float block and data files shorter than their
+   after a message. Stacks beyond one 32-bit float block, files whose storage type is not known
+   (their values would never be read), and data files that are missing or shorter than their
    headers say are refused before anything is allocated. */
 int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *file_info, int *nfiles);
 /* The voxels of one quill or NIfTI file into its volumes of the stack (swapped, scaled). 0 or 1. */
