@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 
 #include "globals.h"
 #include "header_quill.h"
@@ -139,7 +140,8 @@ int write_nifti_header(int ntime, char *file_name_root, FILE **file)
 }
 
 /* Reads the three maps of a distortion file whose header was read by read_volume_header into
-   distort_x/y/z (allocated on the template grid). Returns 0, or 1 after a message; a failed seek
+   distort_x/y/z (allocated on the template grid). Returns 0, or 1 after a message; a data offset
+   past the end of the file is reported as a short read, and a failed seek (a negative offset)
    ends the program.
    Deliberate: only a file from a machine of the other byte order sets AlignNL.Adjusted (for each
    map holding a non-zero or NaN value), and only the all-short read fails. Pinned by
@@ -156,7 +158,17 @@ int read_distortion_file(char *file_name, QL_HEADER header)
         fclose(fp);
         return 1;
     }
-    long offset = (long)header.voxel_offset;
+    /* An offset past the end of the file (or one no long can hold, or NaN) leaves nothing to
+       read: all three reads would fall short, and that is what is reported. A negative offset
+       goes to the seek, which refuses it. */
+    struct stat st;
+    float voxel_offset = header.voxel_offset;
+    if (fstat(fileno(fp), &st) == 0 && !(voxel_offset <= (float)st.st_size)) {
+        printf("Error reading the distortion map data from file %s\n", file_name);
+        fclose(fp);
+        return 1;
+    }
+    long offset = voxel_offset > -9.0e18f && voxel_offset < 9.0e18f ? (long)voxel_offset : -1;
     if (fseek(fp, offset, SEEK_SET) != 0) {
         fflush(stdout);
         fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, file_name);
