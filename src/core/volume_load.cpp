@@ -140,13 +140,17 @@ static int check_data_sizes(data_stack *stack1, file_list *file_info)
     return 0;
 }
 
+/* The run's reference: the very first file ever read, of whatever role. align never resets
+   it; forget_SpaceTime_reference does, for programs that load independent runs. */
+static int have_reference = 0;
+static IPOINT3D reference_dim;
+static POINT3D reference_resolution;
+static int reference_data_type;
+
+void forget_SpaceTime_reference(void) { have_reference = 0; }
+
 int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *file_info, int *nfiles)
 {
-    /* The run's reference: the very first file ever read, of whatever role; never reset. */
-    static int have_reference = 0;
-    static IPOINT3D reference_dim;
-    static POINT3D reference_resolution;
-    static int reference_data_type;
 
     *nfiles = 0;
     if (file_info == NULL || file_info->file_name[0] == '\0') return 0;

@@ -8,6 +8,10 @@
    (their values would never be read), and data files that are missing or shorter than their
    headers say are refused before anything is allocated. */
 int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *file_info, int *nfiles);
+/* Forgets the run's reference, so that the next file read sets it anew. align reads one run a
+   process and never calls it; programs that load independent runs in one process (the fuzz
+   targets) call it before each. */
+void forget_SpaceTime_reference(void);
 /* The voxels of one quill or NIfTI file into its volumes of the stack (swapped, scaled). 0 or 1. */
 int read_quill_file(data_stack *stack1, file_list *file_info);
 /* The same for a FreeSurfer stack of slice files. 0 or 1. */
