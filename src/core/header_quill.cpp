@@ -10,6 +10,7 @@
 
 #include "header_freesurfer.h"
 #include "header_nifti.h"
+#include "numerics.h"
 #include "text.h"
 #include "volume.h"
 
@@ -76,6 +77,25 @@ static int check_voxel_size(const QL_HEADER *header)
     return 1;
 }
 
+/* Refuses a voxel-to-space matrix that invert_mat44 would stop the program on (singular, such
+   as an sform of zero rows) or whose inverse is not finite (not-a-number or infinite entries),
+   inverting a copy the same way. */
+static int check_orientation(const QL_HEADER *header)
+{
+    float **a = float_matrix(4, 4);
+    for (int r = 0; r < 4; r++)
+        for (int c = 0; c < 4; c++) a[r][c] = header->ijk_to_xyz.m[r][c];
+    int error_row;
+    int failed = rInvertSquareMatrix(4, a, &error_row);
+    for (int r = 0; r < 4 && !failed; r++)
+        for (int c = 0; c < 4; c++)
+            if (!std::isfinite(a[r][c])) failed = 1;
+    free_float_matrix(a, 4, 4);
+    if (failed)
+        printf("Error: the voxel-to-space matrix of %s is singular or not finite.\n", header->file_name);
+    return failed;
+}
+
 int read_volume_header(char *name, QL_HEADER *header)
 {
     set_header_defaults(header);
@@ -110,7 +130,7 @@ int read_volume_header(char *name, QL_HEADER *header)
         header->file_type = header->storage_type;
     }
 
-    if (check_sizes(header) || check_voxel_size(header)) return 1;
+    if (check_sizes(header) || check_voxel_size(header) || check_orientation(header)) return 1;
     header->xyz_to_ijk = invert_mat44(header->ijk_to_xyz);
     header->fov.x = header->dim.x * header->resolution.x;
     header->fov.y = header->dim.y * header->resolution.y;
