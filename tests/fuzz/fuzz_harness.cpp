@@ -166,11 +166,65 @@ void fuzz_leave_directory(void)
     }
 }
 
+/* The reader's standard output during a call goes to an unnamed temporary file, so that an
+   exit can be judged by its message; standard error (where the sanitizers report) is left
+   alone. */
+static int capture_fd = -1;
+static int saved_stdout = -1;
+static bool echo_output = false;
+
+void fuzz_echo_output(bool echo) { echo_output = echo; }
+
+static void begin_capture(void)
+{
+    if (capture_fd < 0) {
+        const char *tmp = getenv("TMPDIR");
+        std::string pattern = std::string(tmp != NULL && tmp[0] != '\0' ? tmp : "/tmp") + "/align-fuzz-out-XXXXXX";
+        char name[1024];
+        snprintf(name, sizeof name, "%s", pattern.c_str());
+        capture_fd = mkstemp(name);
+        if (capture_fd < 0) {
+            fprintf(stderr, "fuzz target: cannot make a file for the reader's output\n");
+            abort();
+        }
+        unlink(name);
+    }
+    fflush(stdout);
+    saved_stdout = dup(1);
+    if (saved_stdout < 0 || ftruncate(capture_fd, 0) != 0 || lseek(capture_fd, 0, SEEK_SET) != 0 ||
+        dup2(capture_fd, 1) < 0) {
+        fprintf(stderr, "fuzz target: cannot catch the reader's output\n");
+        abort();
+    }
+}
+
+/* Puts standard output back and returns the end of what the call printed. */
+static std::string end_capture(void)
+{
+    fflush(stdout);
+    dup2(saved_stdout, 1);
+    close(saved_stdout);
+    off_t size = lseek(capture_fd, 0, SEEK_END);
+    if (echo_output) {
+        char buffer[65536];
+        ssize_t n;
+        lseek(capture_fd, 0, SEEK_SET);
+        while ((n = read(capture_fd, buffer, sizeof buffer)) > 0)
+            if (write(1, buffer, (size_t)n) != n) break;
+    }
+    off_t from = size > 4096 ? size - 4096 : 0;
+    std::string tail((size_t)(size - from), '\0');
+    ssize_t n = pread(capture_fd, &tail[0], tail.size(), from);
+    tail.resize(n > 0 ? (size_t)n : 0);
+    return tail;
+}
+
 int fuzz_call(void (*fn)(void *), void *arg)
 {
     jmp_buf here;
     volatile int status = -1;
     n_open = 0;
+    begin_capture();
     if (setjmp(here) == 0) {
         exit_jump = &here;
         fn(arg);
@@ -178,8 +232,18 @@ int fuzz_call(void (*fn)(void *), void *arg)
         status = exit_status;
     }
     exit_jump = NULL;
+    std::string printed = end_capture();
     /* Left open by the fatal paths, or deliberately by a failing read; closed for the next input. */
     while (n_open > 0) __real_fclose(open_files[--n_open]);
+    /* The fatal paths a reader may take (a short NIfTI header, a seek that fails, the option
+       scan) are outcomes; an internal inconsistency or a failed allocation is a report. */
+    static const char *internal[] = {"Programming error", "failed on row", "memory problem", "Domain error"};
+    if (status >= 0)
+        for (const char *marker : internal)
+            if (printed.find(marker) != std::string::npos) {
+                fprintf(stderr, "\nfuzz target: the program ended on an internal error:\n%s\n", printed.c_str());
+                fuzz_require(false, "no input ends the program on an internal error");
+            }
     return status;
 }
 

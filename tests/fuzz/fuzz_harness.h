@@ -35,8 +35,11 @@ void fuzz_leave_directory(void);
 
 /* Runs fn(arg). An exit() during the call (the readers' fatal paths) returns to here as a
    normal outcome: the files the call left open are closed and the exit status is returned.
-   Returns -1 when fn returned by itself. */
+   Returns -1 when fn returned by itself. An exit after an internal error ("Programming error",
+   "failed on row", a failed allocation) is a broken promise instead. The call's standard
+   output is caught for that and dropped, or passed on after the call (fuzz_echo_output). */
 int fuzz_call(void (*fn)(void *), void *arg);
+void fuzz_echo_output(bool echo);
 
 /* A broken promise of a reader that the sanitizers would not see (a stack with a negative
    voxel size, a weight outside 0..1): prints what and aborts, which the fuzzer reports. */

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
-#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,11 +56,7 @@ int main(int argc, char **argv)
     }
     std::vector<std::string> files;
     for (int i = first + 1; i < argc; i++) collect(argv[i], &files);
-    if (!verbose) {
-        int null = open("/dev/null", O_WRONLY);
-        if (null < 0 || dup2(null, 1) < 0) return 2;
-        close(null);
-    }
+    fuzz_echo_output(verbose);
     int count = 0;
     for (const std::string &f : files) {
         std::vector<uint8_t> input;
