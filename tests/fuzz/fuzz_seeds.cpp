@@ -165,6 +165,8 @@ std::vector<bytes> recall_seeds(void)
             nifti_file(nifti_header(8, 8, 6, 3, 2.0f, DT_FLOAT32, true), floats(MAP_VALUES, -1, 0.01f)),
         RECALL_HEAD + "set registration-distortions d.bfloat\n" + SEP + SEP + "x 8\ny 8\nz 6\nt 3\n" + SEP +
             floats(MAP_VALUES, 0, 0.001f),
+        "# a comment line\nset registration-space paxinos-rat\nset registration-type rigid\n\n" + RECALL_HEAD +
+            "set registration-skews 1 2\n",
     };
 }
 
@@ -175,6 +177,7 @@ std::vector<bytes> distortion_seeds(void)
         bytes(1, 1) + "x 8\ny 8\nz 6\nt 3\nbyte-order 0\nresolution 2 2 2\n" + SEP + floats(MAP_VALUES, 0, 0.5f),
         bytes(1, 2) + header_bytes(nifti_header(8, 8, 6, 3, 2.0f, DT_FLOAT32, false)) + SEP +
             floats(MAP_VALUES, 2, -0.25f),
+        bytes(1, 0) + nifti_file(nifti_header(8, 8, 6, 3, 2.0f, DT_INT16, true), shorts(MAP_VALUES, 0)),
     };
 }
 
@@ -255,9 +258,10 @@ int main(int argc, char **argv)
         while (d != NULL && (e = readdir(d)) != NULL) {
             if (e->d_name[0] == '.') continue;
             std::vector<uint8_t> kept;
-            std::string base = e->d_name;
+            std::string base = e->d_name, plain = base;
+            if (plain.size() > 4 && plain.compare(plain.size() - 4, 4, ".hex") == 0) plain.resize(plain.size() - 4);
             if (!fuzz_read_input((kept_dir + "/" + base).c_str(), &kept) ||
-                !write_file(dir + "/regression-" + base, bytes(kept.begin(), kept.end()))) {
+                !write_file(dir + "/regression-" + plain, bytes(kept.begin(), kept.end()))) {
                 fprintf(stderr, "cannot copy the kept input %s/%s\n", kept_dir.c_str(), base.c_str());
                 return 1;
             }
