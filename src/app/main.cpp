@@ -1,6 +1,8 @@
 /* The align program's entry: gathers the arguments (command line or ".align"), applies the
    options to the display, alignment and file-list records, and hands over to the start-up
    steps. Writes program_name, mosaic, Alignment, template_unfiltered and the file lists. */
+#include <cstdio>
+
 #include "startup.h"
 #include "text.h"
 
@@ -11,6 +13,10 @@ static char *myargv[101];
 int main(int argc, char **argv)
 {
     startup_options opts;
+
+    /* Every message line reaches a file or a pipe (align ... | tee log) as it is printed, not
+       when the program ends; progress lines without a newline are flushed where printed. */
+    setvbuf(stdout, NULL, _IOLBF, BUFSIZ);
 
     /* 1 to 3: the program's name, the argument table, ".align", the usage check */
     int myargc = gather_startup_arguments(argc, argv, arguments, myargv);

@@ -1,7 +1,7 @@
 /* Loading a role's list of data files into one data_stack: every header first, the checks of
    the files against the run's first file, one allocation, then the voxel values of each file
-   converted to float. Reads and writes the stack given; recognises activation_stack by
-   identity. No X11. */
+   converted to float, each file's data checked in its turn. Reads and writes the stack given;
+   recognises activation_stack by identity. No X11. */
 #include "volume_load.h"
 
 #include <cmath>
@@ -61,6 +61,15 @@ static void slice_file_name(char slice[1024], const char *base, int z, int stora
     if (snprintf(slice, 1024, "%s%03d.%s", base, z, extension) >= 1024) slice[1023] = '\0';
 }
 
+/* 1 when the file exists and has been sized, 0 when it cannot be looked at. */
+static int file_size(const char *name, long long *size)
+{
+    struct stat st;
+    if (stat(name, &st) != 0 || !S_ISREG(st.st_mode)) return 0;
+    *size = (long long)st.st_size;
+    return 1;
+}
+
 /* Ends the program as a failing seek does: the offset cannot be reached in that file. */
 static void seek_failed(long offset, const char *name)
 {
@@ -77,67 +86,109 @@ static long seek_offset(float voxel_offset)
     return (long)voxel_offset;
 }
 
-/* The size of a regular file. 0 when it is one; otherwise 1 after the message its read
-   would give when it does not exist ("cannot open", in the reader's words), or a message of
-   its own when it is something other than a regular file (a directory, a device, a pipe),
-   whose size cannot vouch for the data. */
-static int data_file_size(const char *name, const char *missing_format, long long *size)
+/* The message a read gives when a data file ends before the values its header promises. */
+static void report_short_data(const file_list *node)
 {
-    struct stat st;
-    if (stat(name, &st) != 0) {
-        printf(missing_format, name);
-        return 1;
-    }
-    if (!S_ISREG(st.st_mode)) {
-        printf("\nError: %s is not a regular file.\n", name);
-        return 1;
-    }
-    *size = (long long)st.st_size;
-    return 0;
+    if (node->header.file_type == FILE_FREESURFER)
+        /* Deliberate: float slices get the same "short data" text.
+           Pinned by ReadFreesurferFile.SlicesFillTheirPlanesOfEveryVolume. */
+        printf("Error reading the short data from file %s\n", node->file_name);
+    else
+        printf("Error reading the data from file %s\n", node->file_name);
 }
 
-/* Before the array is allocated, makes sure that each data file exists and holds the values
-   its header promises, so that an absurd header costs no memory. A missing or short file
-   fails with the message its read would give, and an offset that no seek can reach ends the
-   program as the seek would. Returns 1 on failure. */
-static int check_data_sizes(data_stack *stack1, file_list *file_info)
+/* 1 when a data file of the list holds fewer bytes than its header promises for its volumes
+   of the stack (every slice file, in order, for a FreeSurfer stack). 0 when it holds them, or
+   when a file cannot be looked at or has no storage to read: the read then reports that in
+   its turn. A voxel offset that is not a number counts as short. Prints nothing. */
+static int data_file_is_short(const data_stack *stack1, const file_list *node)
 {
-    for (file_list *node = file_info; node != NULL; node = node->next) {
-        const QL_HEADER *h = &node->header;
-        long long size;
-        if (h->file_type == FILE_FREESURFER) {
-            int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
-            long long need = (long long)node->nt * h->n2d * bytes;
-            for (int z = 0; z < h->dim.z; z++) {
-                char slice[1024];
-                slice_file_name(slice, node->file_name, z, h->storage_type);
-                struct stat st;
-                if (stat(slice, &st) != 0 || !S_ISREG(st.st_mode)) {
-                    /* the read names the base, not the slice */
-                    printf("\nError: cannot open file %s\n", node->file_name);
-                    return 1;
-                }
-                size = (long long)st.st_size;
-                if (size < need) {
-                    /* Deliberate: float slices get the same "short data" text.
-                       Pinned by ReadFreesurferFile.SlicesFillTheirPlanesOfEveryVolume. */
-                    printf("Error reading the short data from file %s\n", node->file_name);
-                    return 1;
-                }
-            }
-            continue;
+    const QL_HEADER *h = &node->header;
+    long long size;
+    if (h->file_type == FILE_FREESURFER) {
+        int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
+        long long need = (long long)node->nt * h->n2d * bytes;
+        for (int z = 0; z < h->dim.z; z++) {
+            char slice[1024];
+            slice_file_name(slice, node->file_name, z, h->storage_type);
+            if (!file_size(slice, &size)) return 0;
+            if (size < need) return 1;
         }
-        int bytes = storage_bytes(h->storage_type);
-        if (data_file_size(node->file_name, "\nError: cannot open file %s.\n", &size)) return 1;
-        double offset = (double)h->voxel_offset;
-        if (offset < 0.0) seek_failed(seek_offset(h->voxel_offset), node->file_name);
-        double need = floor(offset) + (double)node->nt * (double)stack1->npts_volume * bytes;
-        if (!((double)size >= need)) { /* a NaN offset fails too */
-            printf("Error reading the data from file %s\n", node->file_name);
-            return 1;
-        }
+        return 0;
     }
-    return 0;
+    int bytes = storage_bytes(h->storage_type);
+    if (bytes == 0 || !file_size(node->file_name, &size)) return 0;
+    double offset = (double)h->voxel_offset;
+    if (offset < 0.0) return 0; /* the seek reports it */
+    double need = floor(offset) + (double)node->nt * (double)stack1->npts_volume * bytes;
+    return !((double)size >= need);
+}
+
+/* 1 when nothing vouches for the values a file's header promises: its data file (a slice
+   file, for a FreeSurfer stack) is short, missing or not a regular file, or its offset is
+   negative. The load stops at the first such file, in its turn, and the array is sized for
+   the files before it, so that a header without its data costs no memory. Prints nothing. */
+static int data_file_is_unusable(const data_stack *stack1, const file_list *node)
+{
+    const QL_HEADER *h = &node->header;
+    long long size;
+    if (data_file_is_short(stack1, node)) return 1;
+    if (h->file_type == FILE_FREESURFER) {
+        for (int z = 0; z < h->dim.z; z++) {
+            char slice[1024];
+            slice_file_name(slice, node->file_name, z, h->storage_type);
+            if (!file_size(slice, &size)) return 1;
+        }
+        return 0;
+    }
+    return !file_size(node->file_name, &size) || h->voxel_offset < 0.0f;
+}
+
+/* The refusal of an unusable file in its turn, in the words of its read: "cannot open" for a
+   missing data file (a missing slice names the stack; slices are looked at in order), the
+   seek's fatal message for a negative offset, the short-data message otherwise; a data file
+   that is there but no regular file has a message of its own. Never reads into the array,
+   which has no room for the file. */
+static void report_unusable(const file_list *node)
+{
+    const QL_HEADER *h = &node->header;
+    struct stat st;
+    if (h->file_type == FILE_FREESURFER) {
+        int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
+        long long need = (long long)node->nt * h->n2d * bytes;
+        for (int z = 0; z < h->dim.z; z++) {
+            char slice[1024];
+            slice_file_name(slice, node->file_name, z, h->storage_type);
+            if (stat(slice, &st) != 0) {
+                printf("\nError: cannot open file %s\n", node->file_name);
+                return;
+            }
+            if (!S_ISREG(st.st_mode) || (long long)st.st_size < need) break;
+        }
+        report_short_data(node);
+        return;
+    }
+    if (stat(node->file_name, &st) != 0) {
+        printf("\nError: cannot open file %s.\n", node->file_name);
+        return;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        printf("\nError: %s is not a regular file.\n", node->file_name);
+        return;
+    }
+    if (h->voxel_offset < 0.0f) seek_failed(seek_offset(h->voxel_offset), node->file_name);
+    report_short_data(node);
+}
+
+/* One past the last element of the stack's array that a file's read writes: its volumes, and
+   for a FreeSurfer stack the planes of its last volume, which may reach past the stack's
+   volume size. */
+static long long end_of_file_values(const data_stack *stack1, const file_list *node)
+{
+    long long npts = stack1->npts_volume, start = (long long)node->start_image * npts;
+    if (node->header.file_type != FILE_FREESURFER || node->nt <= 0) return start + node->nt * npts;
+    long long planes = start + (node->nt - 1) * npts + (long long)node->header.dim.z * node->header.n2d;
+    return planes > start + node->nt * npts ? planes : start + node->nt * npts;
 }
 
 /* The run's reference: the very first file ever read, of whatever role. align never resets
@@ -236,10 +287,32 @@ int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *fi
                stack1->npts_volume);
         return 1;
     }
-    if (check_data_sizes(stack1, file_info)) return 1;
-    if (total != 0) stack1->SpaceTime.fData = float_vector((int)total);
+    /* Each file's data are checked in its turn, when it is read. A file whose data cannot
+       give what its header promises (short, missing, a negative offset) ends the load there,
+       so the array needs room only for the files before it: an absurd header costs no memory. */
+    file_list *stop_node = NULL;
+    long long room = total;
+    for (file_list *node = file_info; node != NULL; node = node->next)
+        if (data_file_is_unusable(stack1, node)) {
+            stop_node = node;
+            break;
+        }
+    if (stop_node != NULL) {
+        room = 0;
+        for (file_list *node = file_info; node != stop_node; node = node->next) {
+            long long end = end_of_file_values(stack1, node);
+            if (end > room) room = end;
+        }
+        if (room > total) room = total;
+    }
+    if (room != 0) stack1->SpaceTime.fData = float_vector((int)room);
 
     for (file_list *node = file_info; node != NULL; node = node->next) {
+        /* The array has no room for the stopping file: it is refused here, as its read would. */
+        if (node == stop_node) {
+            report_unusable(node);
+            return 1;
+        }
         int failed = node->header.file_type == FILE_FREESURFER ? read_freesurfer_file(stack1, node)
                                                                : read_quill_file(stack1, node);
         if (failed) return 1;
@@ -289,6 +362,11 @@ int read_quill_file(data_stack *stack1, file_list *file_info)
     FILE *fp = fopen(name, "rb");
     if (fp == NULL) {
         printf("\nError: cannot open file %s.\n", name);
+        return 1;
+    }
+    if (data_file_is_short(stack1, file_info)) { /* nothing of a short file is read */
+        report_short_data(file_info);
+        fclose(fp);
         return 1;
     }
     long offset = seek_offset(h->voxel_offset);
@@ -350,10 +428,14 @@ int read_freesurfer_file(data_stack *stack1, file_list *file_info)
     int is_short = h->storage_type == FILE_BSHORT;
     size_t bytes = is_short ? 2 : 4;
 
-    /* The slices must fit the stack's volumes (a list of mixed sizes makes the stack take the
-       last file's size). */
-    if ((long long)h->dim.z * n2d > npts) {
-        printf("Error: the %d slices of %s do not fit the volumes of the stack.\n", h->dim.z, name);
+    /* The stack has the geometry of the last file of its list, so the planes of a larger
+       volume run on into the stack's next volume; they must stay within the array. */
+    if (end_of_file_values(stack1, file_info) > (long long)npts * stack1->nt) {
+        printf("Error: the %d slices of %s reach past the end of the stack.\n", h->dim.z, name);
+        return 1;
+    }
+    if (data_file_is_short(stack1, file_info)) { /* nothing of a short stack is read */
+        report_short_data(file_info);
         return 1;
     }
 
