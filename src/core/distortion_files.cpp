@@ -183,7 +183,8 @@ int write_nifti_header(int ntime, char *file_name_root, FILE **file)
 }
 
 /* Reads the three maps of a distortion file whose header was read by read_volume_header into
-   distort_x/y/z (allocated on the template grid). Returns 0, or 1 after a message; a failed seek
+   distort_x/y/z (allocated on the template grid). Returns 0, or 1 after a message; a data offset
+   past the end of the file is reported as a short read, and a failed seek (a negative offset)
    ends the program.
    Deliberate: only a file from a machine of the other byte order sets AlignNL.Adjusted (for each
    map holding a non-zero or NaN value), and only the all-short read fails. Pinned by
@@ -201,7 +202,16 @@ int read_distortion_file(char *file_name, QL_HEADER header)
         znzclose(fp);
         return 1;
     }
-    long offset = (long)header.voxel_offset;
+    /* An offset no long can hold (or NaN) lies past the end of any file: the three reads would
+       fall short, and that is what is reported. A negative offset goes to the seek, which
+       refuses it. An offset past the end of the file leaves the reads short as well. */
+    float voxel_offset = header.voxel_offset;
+    if (!(voxel_offset < 9.0e18f)) {
+        printf("Error reading the distortion map data from file %s\n", file_name);
+        znzclose(fp);
+        return 1;
+    }
+    long offset = voxel_offset > -9.0e18f ? (long)voxel_offset : -1;
     if (offset < 0 || znzseek(fp, (znz_off_t)offset, SEEK_SET) < 0) {
         znzclose(fp);
         fflush(stdout);

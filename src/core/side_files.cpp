@@ -144,7 +144,7 @@ int read_overlay_file(const char *file_name, ovl_list *ovl)
             return 1;
         }
         if (n == 3) weight = 1.0f;
-        if (weight < 0.0f || weight > 1.0f) {
+        if (!(weight >= 0.0f && weight <= 1.0f)) { /* a NaN weight is refused too */
             printf("Error: use weight values <= 1. in overlays.\n");
             fclose(fp);
             return 1;

@@ -300,3 +300,33 @@ TEST(ReadDistortionFile, GzippedNiftiMapsReadLikeThePlainFile)
     EXPECT_EQ(header.nt, 3);
     EXPECT_EQ(saved_maps(), want);
 }
+
+TEST(ReadDistortionFile, OffsetsPastTheEndReadNothingAndNegativeOnesStopTheProgram)
+{
+    ScopedTempDir dir;
+    set_up_maps();
+    FILE *fp = fopen("maps.bfloat", "wb");
+    ASSERT_NE(fp, nullptr);
+    std::vector<float> data(3 * N, 1.0f);
+    fwrite(data.data(), sizeof(float), data.size(), fp);
+    fclose(fp);
+    QL_HEADER header;
+    memset(&header, 0, sizeof header);
+    header.storage_type = 2;
+    header.byte_order = machine_byte_order();
+    template_.npts_volume = N;
+    char name[1024] = "maps.bfloat";
+    // one byte past the 3 * 60 floats, a float no long holds, and NaN
+    for (float offset : {3.0f * N * 4 + 1, 1e30f, NAN}) {
+        clear_maps(5.0f);
+        header.voxel_offset = offset;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(read_distortion_file(name, header), 1) << offset;
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "Error reading the distortion map data from file maps.bfloat\n");
+        EXPECT_EQ(saved_maps(), std::vector<float>(3 * N, 5.0f));
+    }
+    header.voxel_offset = -1e30f;
+    EXPECT_EXIT(read_distortion_file(name, header), testing::ExitedWithCode(1),
+                "\nError doing fseek\\(\\) to -1 in data file maps.bfloat\n");
+}

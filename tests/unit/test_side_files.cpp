@@ -46,7 +46,8 @@ struct SideFiles : ::testing::Test {
 
 TEST_F(SideFiles, OverlayFileRejectsWeightsOutsideUnitRangeAndBadLines)
 {
-    const char *bad_weights[] = {"3 4 2 1.5\n", "3 4 2 -0.1\n"};
+    // a weight that is not a number lies in no range either
+    const char *bad_weights[] = {"3 4 2 1.5\n", "3 4 2 -0.1\n", "3 4 2 nan\n", "3 4 2 -nan\n"};
     for (const char *content : bad_weights) {
         write_text_file("b.ovl", content);
         testing::internal::CaptureStdout();

@@ -7,6 +7,7 @@
 #include <malloc.h>
 #include <random>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -462,4 +463,51 @@ TEST(ReadSpaceTimeData, RealTemplatesAgreeWithASecondReader)
         EXPECT_GT(nonzero, 0) << name;
         free_float_vector(s.SpaceTime.fData);
     }
+}
+
+/* A header that would cost memory without data to fill it is refused before the allocation:
+   512^3 values with no storage type, a pair whose data file is missing, a FreeSurfer stack
+   missing a slice, a negative offset (which stops the program as the seek would). */
+TEST(ReadSpaceTimeData, HeadersWithoutReadableDataAllocateNothing)
+{
+    ScopedTempDir dir;
+    write_quill_header("big.dat", "x 512\ny 512\nz 512\nt 1\n");
+    write_binary_file("big.dat", std::vector<unsigned char>(16, 0));
+    data_stack s = empty_stack();
+    Load l = load_one(&s, "big.dat");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.out, "Error: no storage type is given for big.dat; its header needs a storage-type line\n"
+                     "(short, float, long, unsigned-short or unsigned-char).\n");
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+    EXPECT_EQ(s.nt, 0);
+
+    NiftiFixture f = nifti_fixture(512, 512, 512, 1, 1.0f, DT_FLOAT32);
+    write_nifti("pair.img", f, {});
+    remove("pair.img");
+    l = load_one(&s, "pair.img");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_NE(l.out.find("\nError: cannot open file pair.img.\n"), std::string::npos) << l.out;
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+    ASSERT_EQ(mkdir("dir.img", 0700), 0);
+    write_nifti("dir.hdr", f, {});
+    l = load_one(&s, "dir.img");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_NE(l.out.find("\nError: dir.img is not a regular file.\n"), std::string::npos) << l.out;
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+
+    std::vector<double> v(4 * 3 * 3, 1.0);
+    write_freesurfer_volume("fs_", 4, 3, 3, 1, 1.0f, 1.0f, 2.0f, 2, 1, v);
+    remove("fs_002.bfloat");
+    write_text_file("fs.bhdr", "cols: 4\nrows: 3\nnslices: 4000\nn_time_points: 1\nslice_thick: 1\n"
+                               "top_right_r: 4\nbottom_right_r: 4\nbottom_right_a: 3\n");
+    l = load_one(&s, "fs_");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.out, "\nError: cannot open file fs_\n");
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+
+    f.h.vox_offset = -1e30f;
+    write_nifti("neg.nii", f, std::vector<unsigned char>(64));
+    set_vox_offset("neg.nii", -1e30f);
+    EXPECT_EXIT(load_one(&s, "neg.nii"), testing::ExitedWithCode(1),
+                "\nError doing fseek\\(\\) to -1 in data file neg.nii\n");
 }
