@@ -9,6 +9,13 @@
       mean, median and largest distance (mm), over the template's non-zero voxels, between the
       mapping of transformix's deformation field (-def all, ITK's LPS frame) and the true mapping
       of make_test_volumes truth-field (individual point minus template point, centred frame).
+  elastix_error.py field TEMPLATE DEFORMATION OUT
+      transformix's deformation field written as a truth-field file (centred frame, the layout of
+      make_test_volumes truth-field), so that `make_test_volumes mapping-error ... --truth OUT`
+      measures how far another program's align.com lies from elastix's mapping.
+  elastix_error.py offset TEMPLATE DEFORMATION TRUTH
+      mean and spread (mm, x y z) of elastix's mapping minus the truth over the brain voxels: a
+      constant offset with a small spread is a translation between the two.
 """
 import sys
 import nibabel as nib
@@ -34,18 +41,36 @@ def centre(src, dst, mask=None):
         nib.save(m, mask)
 
 
-def error(template, deformation, truth):
+def deformation_field(template, deformation):
+    """The template's brain voxels and elastix's mapping (individual point minus template point)
+    in the centred frame."""
     t = np.asarray(nib.load(template).dataobj)
     if t.ndim > 3:
         t = t[..., 0]
-    brain = t != 0
     d = np.asarray(nib.load(deformation).dataobj, dtype=np.float64)
     d = d.reshape(t.shape + (3,))
     # ITK's physical frame is LPS: x and y point the other way than the centred (RAS) frame
     d[..., 0] *= -1.0
     d[..., 1] *= -1.0
+    return t != 0, d
+
+
+def field(template, deformation, out):
+    _, d = deformation_field(template, deformation)
+    nib.save(nib.Nifti1Image(d.astype(np.float32), nib.load(template).affine), out)
+
+
+def offset(template, deformation, truth):
+    brain, d = deformation_field(template, deformation)
+    f = np.asarray(nib.load(truth).dataobj, dtype=np.float64).reshape(d.shape)
+    r = (d - f)[brain]
+    print("offset_mm %.3f %.3f %.3f spread_mm %.3f %.3f %.3f" % (tuple(r.mean(axis=0)) + tuple(r.std(axis=0))))
+
+
+def error(template, deformation, truth):
+    brain, d = deformation_field(template, deformation)
     f = np.asarray(nib.load(truth).dataobj, dtype=np.float64)
-    f = f.reshape(t.shape + (3,))
+    f = f.reshape(d.shape)
     diff = np.linalg.norm(d[brain] - f[brain], axis=1)
     print("mean_error_mm %.4f" % diff.mean())
     print("median_error_mm %.4f" % np.median(diff))
@@ -57,5 +82,9 @@ if __name__ == "__main__":
         centre(sys.argv[2], sys.argv[3], sys.argv[4] if len(sys.argv) > 4 else None)
     elif len(sys.argv) == 5 and sys.argv[1] == "error":
         error(sys.argv[2], sys.argv[3], sys.argv[4])
+    elif len(sys.argv) == 5 and sys.argv[1] == "field":
+        field(sys.argv[2], sys.argv[3], sys.argv[4])
+    elif len(sys.argv) == 5 and sys.argv[1] == "offset":
+        offset(sys.argv[2], sys.argv[3], sys.argv[4])
     else:
         sys.exit(__doc__)
