@@ -92,22 +92,28 @@ static inline float float_count(long long n) { return n < 16777216 ? (float)n : 
 
 /* The common range of the scaled values: min from 1e10 and max from 0, over the taking-part
    voxels' i = ind / av_i and t = tpl / av_t, with the strict comparisons of the plain walk.
-   Division by a finite nonzero average is monotonic (increasing for a positive one, decreasing
-   for a negative one) and maps NaN and only NaN to NaN, so the scaled extremes are the scaled
-   raw extremes; the sign of a zero extreme does not change any bin. An average that is 0, not
-   finite or NaN takes the plain walk. */
+   An average that is 0, not finite or NaN takes the plain walk. */
+int scaled_range_of_extremes(const taking_part_sums &r, float av_i, float av_t, float *vmin, float *vmax)
+{
+    if (!(std::isfinite(av_i) && av_i != 0.0f && std::isfinite(av_t) && av_t != 0.0f)) return 0;
+    float cand[4] = {(av_i > 0.0f ? r.min_i : r.max_i) / av_i, (av_t > 0.0f ? r.min_t : r.max_t) / av_t,
+                     (av_i > 0.0f ? r.max_i : r.min_i) / av_i, (av_t > 0.0f ? r.max_t : r.min_t) / av_t};
+    float lo = 1e10f, hi = 0.0f;
+    for (int k = 0; k < 2; k++)
+        if (cand[k] < lo) lo = cand[k];
+    for (int k = 2; k < 4; k++)
+        if (cand[k] > hi) hi = cand[k];
+    *vmin = lo;
+    *vmax = hi;
+    return 1;
+}
+
 static void scaled_range(const float *tpl, const float *ind, size_t n3d, const taking_part_sums &r, float av_i,
                          float av_t, float *vmin, float *vmax)
 {
+    if (scaled_range_of_extremes(r, av_i, av_t, vmin, vmax)) return;
     float lo = 1e10f, hi = 0.0f;
-    if (std::isfinite(av_i) && av_i != 0.0f && std::isfinite(av_t) && av_t != 0.0f) {
-        float cand[4] = {(av_i > 0.0f ? r.min_i : r.max_i) / av_i, (av_t > 0.0f ? r.min_t : r.max_t) / av_t,
-                         (av_i > 0.0f ? r.max_i : r.min_i) / av_i, (av_t > 0.0f ? r.max_t : r.min_t) / av_t};
-        for (int k = 0; k < 2; k++)
-            if (cand[k] < lo) lo = cand[k];
-        for (int k = 2; k < 4; k++)
-            if (cand[k] > hi) hi = cand[k];
-    } else {
+    {
         for (size_t v = 0; v < n3d; v++) {
             if (tpl[v] == 0.0f) continue;
             float i = ind[v] / av_i, t = tpl[v] / av_t;
@@ -120,6 +126,39 @@ static void scaled_range(const float *tpl, const float *ind, size_t n3d, const t
     *vmin = lo;
     *vmax = hi;
 }
+
+float mutual_information_of_joint(const long long *joint)
+{
+    float prob_I[NBINS], prob_T[NBINS], prob_IT[NBINS][NBINS];
+    long long number_voxels = 0;
+    for (int a = 0; a < NBINS; a++) {
+        long long row = 0, column = 0;
+        for (int b = 0; b < NBINS; b++) {
+            row += joint[a * NBINS + b];
+            column += joint[b * NBINS + a];
+            prob_IT[a][b] = float_count(joint[a * NBINS + b]);
+        }
+        prob_I[a] = float_count(row);
+        prob_T[a] = float_count(column);
+        number_voxels += row;
+    }
+    float count = (float)(int)number_voxels;
+    for (int a = 0; a < NBINS; a++) {
+        prob_I[a] /= count;
+        prob_T[a] /= count;
+        for (int b = 0; b < NBINS; b++) prob_IT[a][b] /= count;
+    }
+
+    float mi = 0.0f;
+    for (int a = 0; a < NBINS; a++)
+        for (int b = 0; b < NBINS; b++) {
+            if (prob_I[a] == 0.0f || prob_IT[a][b] == 0.0f || prob_T[b] == 0.0f) continue;
+            float ratio = prob_IT[a][b] / prob_I[a] / prob_T[b];
+            mi = (float)((double)mi + (double)prob_IT[a][b] * log((double)ratio));
+        }
+    return mi;
+}
+
 
 /* Mutual information of individual and template scaled by their averages: one walk in voxel
    order for the averages and the raw extremes, the range from those, then the joint histogram
@@ -149,34 +188,7 @@ static float mutual_information_affine(const float *tpl, const float *ind, size_
             c[bi * NBINS + bt]++;
         }
     });
-    float prob_I[NBINS], prob_T[NBINS], prob_IT[NBINS][NBINS];
-    long long number_voxels = 0;
-    for (int a = 0; a < NBINS; a++) {
-        long long row = 0, column = 0;
-        for (int b = 0; b < NBINS; b++) {
-            row += joint[a * NBINS + b];
-            column += joint[b * NBINS + a];
-            prob_IT[a][b] = float_count(joint[a * NBINS + b]);
-        }
-        prob_I[a] = float_count(row);
-        prob_T[a] = float_count(column);
-        number_voxels += row;
-    }
-    float count = (float)(int)number_voxels;
-    for (int a = 0; a < NBINS; a++) {
-        prob_I[a] /= count;
-        prob_T[a] /= count;
-        for (int b = 0; b < NBINS; b++) prob_IT[a][b] /= count;
-    }
-
-    float mi = 0.0f;
-    for (int a = 0; a < NBINS; a++)
-        for (int b = 0; b < NBINS; b++) {
-            if (prob_I[a] == 0.0f || prob_IT[a][b] == 0.0f || prob_T[b] == 0.0f) continue;
-            float ratio = prob_IT[a][b] / prob_I[a] / prob_T[b];
-            mi = (float)((double)mi + (double)prob_IT[a][b] * log((double)ratio));
-        }
-    return mi;
+    return mutual_information_of_joint(joint.data());
 }
 
 /* (sum I*T / sqrt(sum I^2)) / sqrt(sum T^2) / n over the taking-part voxels, raw values, float

@@ -133,3 +133,54 @@ AVX512_TARGET void correlation_sums_avx512(const float *tpl, const float *ind, s
     sums[2] = sum_it;
     sums[3] = count;
 }
+
+AVX512_TARGET void ordered_sum_avx512(const float *v, size_t n, float *sum, float *vmin, float *vmax)
+{
+    float s = 0.0f;
+    const float inf = INFINITY;
+    __m512 lo = _mm512_set1_ps(inf), hi = _mm512_set1_ps(-inf);
+    size_t k = 0;
+    for (; k + 16 <= n; k += 16) {
+        __m512 x = _mm512_loadu_ps(v + k);
+        __mmask16 ord = _mm512_cmp_ps_mask(x, x, _CMP_ORD_Q);
+        lo = _mm512_mask_min_ps(lo, ord, lo, x);
+        hi = _mm512_mask_max_ps(hi, ord, hi, x);
+        for (int j = 0; j < 16; j++) s += v[k + j];
+    }
+    float l = _mm512_reduce_min_ps(lo), h = _mm512_reduce_max_ps(hi);
+    for (; k < n; k++) {
+        s += v[k];
+        if (v[k] < l) l = v[k];
+        if (v[k] > h) h = v[k];
+    }
+    *sum = s;
+    *vmin = l;
+    *vmax = h;
+}
+
+AVX512_TARGET void joint_counts_listed_avx512(const float *ind, const float *tsc, size_t first, size_t last, float av_i,
+                                              float vmin, float vmax, long long *joint)
+{
+    const int nb = NBINS * NBINS;
+    int counts[4][NBINS * NBINS];
+    memset(counts, 0, sizeof counts);
+    const __m512 avi = _mm512_set1_ps(av_i);
+    const __m512 lo = _mm512_set1_ps(vmin), range = _mm512_set1_ps(vmax - vmin);
+    alignas(64) int idx[16];
+    for (size_t k = first; k < last; k += 16) {
+        int n = last - k >= 16 ? 16 : (int)(last - k);
+        __mmask16 m = (__mmask16)((1u << n) - 1u);
+        __m512i bi = bins16(_mm512_div_ps(_mm512_maskz_loadu_ps(m, ind + k), avi), lo, range);
+        __m512i bt = bins16(_mm512_maskz_loadu_ps(m, tsc + k), lo, range);
+        _mm512_store_si512(idx, _mm512_add_epi32(_mm512_mullo_epi32(bi, _mm512_set1_epi32(NBINS)), bt));
+        int j = 0;
+        for (; j + 4 <= n; j += 4) {
+            counts[0][idx[j]]++;
+            counts[1][idx[j + 1]]++;
+            counts[2][idx[j + 2]]++;
+            counts[3][idx[j + 3]]++;
+        }
+        for (; j < n; j++) counts[0][idx[j]]++;
+    }
+    for (int b = 0; b < nb; b++) joint[b] += (long long)counts[0][b] + counts[1][b] + counts[2][b] + counts[3][b];
+}
