@@ -13,6 +13,7 @@
 #include "numerics.h"
 #include "resample.h"
 #include "similarity.h"
+#include "trial_volumes.h"
 #include "volume.h"
 #include "volume_load.h"
 
@@ -155,5 +156,24 @@ void BM_SimilarityEvaluation(benchmark::State &state)
     set_counters(state);
 }
 BENCHMARK(BM_SimilarityEvaluation)->Unit(benchmark::kMillisecond)->UseRealTime()->ComputeStatistics("min", fastest);
+
+// One trial of the automatic affine search: the same evaluation over the listed taking-part
+// voxels (the list made once, as the search does at its start).
+void BM_SearchTrial(benchmark::State &state)
+{
+    if (!prepare_pair()) {
+        state.SkipWithError("brain volumes not available");
+        return;
+    }
+    transform_coordinates(1, 0);
+    trial_volumes *t = begin_trial_volumes();
+    for (auto _ : state) {
+        resample_listed(t);
+        benchmark::DoNotOptimize(measure_listed(t, 0));
+    }
+    end_trial_volumes(t);
+    set_counters(state);
+}
+BENCHMARK(BM_SearchTrial)->Unit(benchmark::kMillisecond)->UseRealTime()->ComputeStatistics("min", fastest);
 
 }  // namespace

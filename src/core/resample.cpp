@@ -177,6 +177,8 @@ void resample_scratch_alloc(const resample_setup *s, resample_scratch *w)
     int row_room = s->dim.x + 16;
     w->job_x = s->level >= SIMD_AVX512 ? int_vector(row_room) : NULL;
     w->job_v = s->level >= SIMD_AVX512 ? float_vector(3 * row_room) : NULL;
+    w->chunk_at = s->level >= SIMD_AVX512 ? int_vector(row_room) : NULL;
+    w->chunk_ok = s->level >= SIMD_AVX512 ? unsigned_short_vector(2 * (row_room / 16 + 1)) : NULL;
 }
 
 void resample_scratch_free(resample_scratch *w)
@@ -185,6 +187,8 @@ void resample_scratch_free(resample_scratch *w)
     path_counts[1] += w->nplain;
     if (w->job_x != NULL) free_int_vector(w->job_x);
     if (w->job_v != NULL) free_float_vector(w->job_v);
+    if (w->chunk_at != NULL) free_int_vector(w->chunk_at);
+    if (w->chunk_ok != NULL) free_unsigned_short_vector(w->chunk_ok);
     free_int_vector(w->job[0].a[0].index);
     free_float_vector(w->job[0].a[0].weight);
 }

@@ -19,7 +19,7 @@
 #include "exact_round.h"
 #include "resample_internal.h"
 
-#define AVX512_TARGET __attribute__((target("avx512f,avx512vl,avx512dq,avx512bw")))
+#define AVX512_TARGET __attribute__((target("avx512f,avx512vl,avx512dq,avx512bw,fma")))
 
 namespace {
 
@@ -29,6 +29,9 @@ struct batch_weights {
     int lo[3][16];
     int count[3][16];
     float w[3][8][16];
+    /* for voxels of 4 samples per axis: the double sums of the float products wz*wx and of
+       the weights wy */
+    double sum_zx[16], sum_y[16];
 };
 
 /* The largest half-width whose samples (2w+2 per axis) fit in one 8-lane row. */
@@ -88,18 +91,28 @@ AVX512_TARGET inline __m512 gauss16(__m512 d, __m512d c, __m512d tab0, __m512d t
 
 AVX512_TARGET inline double hsum(__m512d v) { return _mm512_reduce_add_pd(v); }
 
+AVX512_TARGET inline double hsum4(__m256d v)
+{
+    __m128d h = _mm_add_pd(_mm256_castpd256_pd128(v), _mm256_extractf128_pd(v, 1));
+    return _mm_cvtsd_f64(_mm_add_sd(h, _mm_unpackhi_pd(h, h)));
+}
+
 /* The sums of one voxel whose samples are 4 per axis, all inside the grid: rows of 4 values
    taken two at a time. The weight of a sample is (wz*wx)*wy and its term value*weight, both in
-   float exactly as in the plain sum; only the order of the double additions differs. *neg is
-   set when a value is negative (or -0), since the bound takes sum|t| = sum t. */
+   float exactly as in the plain sum; the terms are summed in double in another order. The
+   weights are not summed here: *E is the float sum of their rounding errors
+   e = (wz*wx)*wy - fl((wz*wx)*wy), which a fused multiply-subtract gives exactly, for the weight
+   sum of quotients_settled8. *neg is set when a value is negative (or -0), since the bound
+   takes sum|t| = sum t. */
 AVX512_TARGET inline void sums_4x4x4(const float *base, size_t onx, size_t on2d, const batch_weights *b, int l,
-                                     __m512d *S, __m512d *W, int *neg)
+                                     __m512d *S, float *E, int *neg)
 {
     __m128 wxv = _mm_set_ps(b->w[0][3][l], b->w[0][2][l], b->w[0][1][l], b->w[0][0][l]);
     __m256 wx2 = _mm256_set_m128(wxv, wxv);
     __m256 wyA = _mm256_set_m128(_mm_set1_ps(b->w[1][1][l]), _mm_set1_ps(b->w[1][0][l]));
     __m256 wyB = _mm256_set_m128(_mm_set1_ps(b->w[1][3][l]), _mm_set1_ps(b->w[1][2][l]));
-    __m512d S0 = _mm512_setzero_pd(), S1 = _mm512_setzero_pd(), W0 = _mm512_setzero_pd(), W1 = _mm512_setzero_pd();
+    __m512d S0 = _mm512_setzero_pd(), S1 = _mm512_setzero_pd();
+    __m256 err = _mm256_setzero_ps();
     __m256i sign = _mm256_setzero_si256();
     for (int kz = 0; kz < 4; kz++) {
         __m256 wzx = _mm256_mul_ps(_mm256_set1_ps(b->w[2][kz][l]), wx2);
@@ -110,13 +123,31 @@ AVX512_TARGET inline void sums_4x4x4(const float *base, size_t onx, size_t on2d,
         __m256 tA = _mm256_mul_ps(vA, wA), tB = _mm256_mul_ps(vB, wB);
         S0 = _mm512_add_pd(S0, _mm512_cvtps_pd(tA));
         S1 = _mm512_add_pd(S1, _mm512_cvtps_pd(tB));
-        W0 = _mm512_add_pd(W0, _mm512_cvtps_pd(wA));
-        W1 = _mm512_add_pd(W1, _mm512_cvtps_pd(wB));
+        err = _mm256_add_ps(err, _mm256_add_ps(_mm256_fmsub_ps(wzx, wyA, wA), _mm256_fmsub_ps(wzx, wyB, wB)));
         sign = _mm256_or_si256(sign, _mm256_or_si256(_mm256_castps_si256(vA), _mm256_castps_si256(vB)));
     }
     *S = _mm512_add_pd(S0, S1);
-    *W = _mm512_add_pd(W0, W1);
+    __m128 e4 = _mm_add_ps(_mm256_castps256_ps128(err), _mm256_extractf128_ps(err, 1));
+    e4 = _mm_add_ps(e4, _mm_movehl_ps(e4, e4));
+    *E = _mm_cvtss_f32(_mm_add_ss(e4, _mm_movehdup_ps(e4)));
     *neg = _mm256_movemask_ps(_mm256_castsi256_ps(sign)) != 0;
+}
+
+/* For each of the 16 voxels: the double sum of the 16 float products wz*wx (the same products
+   as in the sums) and of the 4 weights wy. */
+AVX512_TARGET inline void weight_sums(batch_weights *b)
+{
+    for (int h = 0; h < 2; h++) {
+        __m512d zx = _mm512_setzero_pd(), yy = _mm512_setzero_pd();
+        for (int kz = 0; kz < 4; kz++) {
+            __m256 wz = _mm256_loadu_ps(b->w[2][kz] + 8 * h);
+            for (int kx = 0; kx < 4; kx++)
+                zx = _mm512_add_pd(zx, _mm512_cvtps_pd(_mm256_mul_ps(wz, _mm256_loadu_ps(b->w[0][kx] + 8 * h))));
+            yy = _mm512_add_pd(yy, _mm512_cvtps_pd(_mm256_loadu_ps(b->w[1][kz] + 8 * h)));
+        }
+        _mm512_storeu_pd(b->sum_zx + 8 * h, zx);
+        _mm512_storeu_pd(b->sum_y + 8 * h, yy);
+    }
 }
 
 /* The eight sums of eight vectors, in order, by three rounds of pairing. */
@@ -131,14 +162,22 @@ AVX512_TARGET inline __m512d sum8(const __m512d v[8])
     return _mm512_add_pd(_mm512_shuffle_f64x2(b[0], b[1], 0x88), _mm512_shuffle_f64x2(b[0], b[1], 0xDD));
 }
 
-/* float_quotient_settled for eight voxels at once whose terms are all non-negative (A = S,
-   B = W), 64 terms each: the lanes decided and their floats. A float of 0 (whose lower
+/* float_quotient_settled for eight voxels at once of 64 non-negative terms each: the lanes
+   decided and their floats. S is the double sum of the terms in another order than the plain
+   one: two orders differ by less than 2.02 * 64 u S, and 256 u S is used (u = 2^-53). The
+   weight sum is W = A Y - E, A the double sum of the 16 products wz*wx (error at most 15u A),
+   Y the double sum of the 4 weights wy (3u), E the float sum of the 64 exact errors
+   e = a wy - fl(a wy) (each at most 2^-24 a wy, so the float sum errs by at most
+   63 * 2^-48 A Y = 2016u A Y); the plain weight sum is within 63u of the exact sum A Y - sum e.
+   So the plain and this W differ by about 2100u W at most; 4096u W is used, plus 2^-140 for
+   products below the float range, whose error is not exact. A float of 0 (whose lower
    neighbour is not a float) and results beyond the float range are left undecided. */
 AVX512_TARGET inline __mmask8 quotients_settled8(__m512d S, __m512d W, __m256 *f)
 {
     const double u = 0x1p-53;
-    const __m512d g = _mm512_set1_pd(4.0 * 64.0 * u), four = _mm512_set1_pd(4.0), big = _mm512_set1_pd(DBL_MAX);
-    __m512d eS = _mm512_mul_pd(g, S), eW = _mm512_mul_pd(g, W);
+    const __m512d four = _mm512_set1_pd(4.0), big = _mm512_set1_pd(DBL_MAX);
+    __m512d eS = _mm512_mul_pd(_mm512_set1_pd(4.0 * 64.0 * u), S);
+    __m512d eW = _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(4096.0 * u), W), _mm512_set1_pd(0x1p-140));
     __mmask8 ok = _mm512_cmp_pd_mask(S, big, _CMP_LT_OQ) & _mm512_cmp_pd_mask(W, big, _CMP_LT_OQ) &
                   _mm512_cmp_pd_mask(W, _mm512_mul_pd(four, eW), _CMP_GT_OQ) &
                   _mm512_cmp_pd_mask(S, _mm512_mul_pd(four, eS), _CMP_GT_OQ);
@@ -270,18 +309,27 @@ AVX512_TARGET void resample_row_avx512(const resample_setup *s, resample_scratch
     }
     const __m512 far = _mm512_set1_ps(far_off_grid);
     const __m512i lane_index = _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    const int n3[3] = {onx, ony, onz};
+    const int wraps[3] = {s->wrap.x, s->wrap.y, s->wrap.z};
+    int *chunk_at = sc->chunk_at;
+    __mmask16 *chunk_ok = sc->chunk_ok;
+
+    /* First the positions of the whole segment, kept in place in the job arrays, and the
+       samples of each chunk's two ends asked for; then the centres are read and the voxels to
+       compute packed, by which time their samples are arriving. */
     for (int x0 = xbegin; x0 < xend; x0 += 16) {
+        const int c = (x0 - xbegin) / 16, at0 = x0 - xbegin;
         int nl = xend - x0 < 16 ? xend - x0 : 16;
         __mmask16 tail = (__mmask16)((1u << nl) - 1u);
         size_t vox0 = row0 + (size_t)x0;
         __mmask16 taking = tail;
         if (listed == NULL) taking = _mm512_mask_cmp_ps_mask(tail, _mm512_maskz_loadu_ps(tail, s->tpl + vox0), zero, _CMP_NEQ_UQ);
+        chunk_ok[2 * c] = taking;
         if (taking == 0) {
-            _mm512_mask_storeu_ps(s->dst + vox0, tail, zero);
+            chunk_ok[2 * c + 1] = 0;
             continue;
         }
-        __m512i xi = _mm512_add_epi32(_mm512_set1_epi32(x0), lane_index);
-        __m512 xf = _mm512_cvtepi32_ps(xi);
+        __m512 xf = _mm512_cvtepi32_ps(_mm512_add_epi32(_mm512_set1_epi32(x0), lane_index));
         __m512 p[3], q[3], v[3];
         for (int r = 0; r < 3; r++)
             p[r] = _mm512_add_ps(_mm512_add_ps(_mm512_add_ps(_mm512_add_ps(zero, _mm512_mul_ps(xf, m_x[r])), c_y[r]), c_z[r]),
@@ -305,8 +353,6 @@ AVX512_TARGET void resample_row_avx512(const resample_setup *s, resample_scratch
         }
         __mmask16 ok = taking;
         for (int r = 0; r < 3; r++) ok &= _mm512_cmp_ps_mask(_mm512_abs_ps(v[r]), far, _CMP_LT_OQ);
-        const int n3[3] = {onx, ony, onz};
-        const int wraps[3] = {s->wrap.x, s->wrap.y, s->wrap.z};
         __m512i idx[3];
         for (int r = 0; r < 3; r++) {
             __m512 rounded = _mm512_roundscale_ps(v[r], _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
@@ -321,17 +367,45 @@ AVX512_TARGET void resample_row_avx512(const resample_setup *s, resample_scratch
         }
         __m512i at = _mm512_add_epi32(idx[0], _mm512_mullo_epi32(idx[1], _mm512_set1_epi32(onx)));
         at = _mm512_add_epi32(at, _mm512_mullo_epi32(idx[2], _mm512_set1_epi32((int)on2d)));
-        __m512 centre = _mm512_mask_i32gather_ps(zero, ok, at, s->src, 4);
-        ok &= _mm512_cmp_ps_mask(centre, zero, _CMP_NEQ_UQ);
+        chunk_ok[2 * c + 1] = ok;
+        _mm512_storeu_si512(chunk_at + at0, at);
+        _mm512_storeu_ps(job_vx + at0, v[0]);
+        _mm512_storeu_ps(job_vy + at0, v[1]);
+        _mm512_storeu_ps(job_vz + at0, v[2]);
+        if (ok == 0) continue;
+        /* the sample rows of the chunk's first and last voxel to compute */
+        int ends[2] = {__builtin_ctz((unsigned)ok), 31 - __builtin_clz((unsigned)ok)};
+        for (int e = 0; e < 2; e++) {
+            int l = ends[e];
+            int iy = (int)floorf(job_vy[at0 + l]) - s->half.y, iz = (int)floorf(job_vz[at0 + l]) - s->half.z;
+            int ix = (int)floorf(job_vx[at0 + l]) - s->half.x;
+            if (ix < 0 || iy < 0 || iz < 0 || iy + 2 * s->half.y + 1 >= ony || iz + 2 * s->half.z + 1 >= onz) continue;
+            const float *corner = s->src + on2d * (size_t)iz + (size_t)onx * (size_t)iy + (size_t)ix;
+            for (int kz = 0; kz < 2 * s->half.z + 2; kz++)
+                for (int ky = 0; ky < 2 * s->half.y + 2; ky++)
+                    _mm_prefetch((const char *)(corner + on2d * (size_t)kz + (size_t)onx * (size_t)ky), _MM_HINT_T0);
+        }
+    }
+    for (int x0 = xbegin; x0 < xend; x0 += 16) {
+        const int c = (x0 - xbegin) / 16, at0 = x0 - xbegin;
+        int nl = xend - x0 < 16 ? xend - x0 : 16;
+        __mmask16 tail = (__mmask16)((1u << nl) - 1u);
+        size_t vox0 = row0 + (size_t)x0;
+        __mmask16 taking = chunk_ok[2 * c], ok = chunk_ok[2 * c + 1];
+        if (ok != 0) {
+            __m512 centre = _mm512_mask_i32gather_ps(zero, ok, _mm512_loadu_si512(chunk_at + at0), s->src, 4);
+            ok &= _mm512_cmp_ps_mask(centre, zero, _CMP_NEQ_UQ);
+        }
         /* Nothing computed: 0 where the template is 0, and everywhere in a full resampling. */
         __mmask16 zeroed = s->clear ? (__mmask16)(tail & ~ok) : (__mmask16)(tail & ~taking);
         _mm512_mask_storeu_ps(s->dst + vox0, zeroed, zero);
-        if (listed != NULL) _mm512_mask_storeu_ps(listed + (x0 - xbegin), zeroed, zero);
+        if (listed != NULL) _mm512_mask_storeu_ps(listed + at0, zeroed, zero);
         if (ok == 0) continue;
-        _mm512_storeu_si512(job_x + njobs, _mm512_maskz_compress_epi32(ok, xi));
-        _mm512_storeu_ps(job_vx + njobs, _mm512_maskz_compress_ps(ok, v[0]));
-        _mm512_storeu_ps(job_vy + njobs, _mm512_maskz_compress_ps(ok, v[1]));
-        _mm512_storeu_ps(job_vz + njobs, _mm512_maskz_compress_ps(ok, v[2]));
+        __m512 vx = _mm512_loadu_ps(job_vx + at0), vy = _mm512_loadu_ps(job_vy + at0), vz = _mm512_loadu_ps(job_vz + at0);
+        _mm512_storeu_si512(job_x + njobs, _mm512_maskz_compress_epi32(ok, _mm512_add_epi32(_mm512_set1_epi32(x0), lane_index)));
+        _mm512_storeu_ps(job_vx + njobs, _mm512_maskz_compress_ps(ok, vx));
+        _mm512_storeu_ps(job_vy + njobs, _mm512_maskz_compress_ps(ok, vy));
+        _mm512_storeu_ps(job_vz + njobs, _mm512_maskz_compress_ps(ok, vz));
         njobs += __builtin_popcount((unsigned)ok);
     }
 
@@ -373,6 +447,7 @@ AVX512_TARGET void resample_row_avx512(const resample_setup *s, resample_scratch
             four = regular & _mm512_cmpeq_epi32_mask(_mm512_loadu_si512(b.count[0]), c4) &
                    _mm512_cmpeq_epi32_mask(_mm512_loadu_si512(b.count[1]), c4) &
                    _mm512_cmpeq_epi32_mask(_mm512_loadu_si512(b.count[2]), c4);
+            if (four) weight_sums(&b);
         }
         __mmask16 done = 0;
         unsigned pending = four;
@@ -382,16 +457,21 @@ AVX512_TARGET void resample_row_avx512(const resample_setup *s, resample_scratch
                 lane[k++] = __builtin_ctz(pending);
                 pending &= pending - 1;
             }
-            __m512d S[8], W[8];
+            __m512d S[8];
+            alignas(32) float E[8];
+            alignas(64) double A[8], Y[8];
             unsigned neg = 0;
             for (int j = 0; j < 8; j++) {
                 int l = lane[j < k ? j : 0], n;
                 const float *base = s->src + on2d * (size_t)b.lo[2][l] + (size_t)onx * (size_t)b.lo[1][l] + (size_t)b.lo[0][l];
-                sums_4x4x4(base, (size_t)onx, on2d, &b, l, &S[j], &W[j], &n);
+                A[j] = b.sum_zx[l];
+                Y[j] = b.sum_y[l];
+                sums_4x4x4(base, (size_t)onx, on2d, &b, l, &S[j], &E[j], &n);
                 neg |= (unsigned)n << j;
             }
             __m256 f;
-            __mmask8 ok = quotients_settled8(sum8(S), sum8(W), &f) & (__mmask8)((1u << k) - 1u) & (__mmask8)~neg;
+            __m512d W = _mm512_sub_pd(_mm512_mul_pd(_mm512_load_pd(A), _mm512_load_pd(Y)), _mm512_cvtps_pd(_mm256_load_ps(E)));
+            __mmask8 ok = quotients_settled8(sum8(S), W, &f) & (__mmask8)((1u << k) - 1u) & (__mmask8)~neg;
             alignas(32) float result[8];
             _mm256_store_ps(result, f);
             for (int j = 0; j < k; j++)

@@ -88,6 +88,8 @@ struct resample_scratch {
     long long nplain;      /* voxels computed by the plain arithmetic */
     int *job_x;            /* vector path: x of each voxel to compute in the row */
     float *job_v;          /* its position in the individual: x, y, z blocks of the row length */
+    int *chunk_at;         /* vector path: the nearest voxel's element of each voxel of the row */
+    unsigned short *chunk_ok; /* vector path: per 16 voxels, those taking part and those to compute */
 };
 
 /* Fills the samples floor(v)-w .. ceil(v)+w of one axis, dropping those outside the grid

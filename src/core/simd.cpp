@@ -10,7 +10,7 @@ int simd_level_supported(void)
     static const int level = [] {
         __builtin_cpu_init();
         if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
-            __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512bw"))
+            __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("fma"))
             return (int)SIMD_AVX512;
         if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return (int)SIMD_AVX2;
         return (int)SIMD_SCALAR;

@@ -17,7 +17,7 @@
 
 #include "similarity_internal.h"
 
-#define AVX512_TARGET __attribute__((target("avx512f,avx512vl,avx512dq,avx512bw")))
+#define AVX512_TARGET __attribute__((target("avx512f,avx512vl,avx512dq,avx512bw,fma")))
 
 namespace {
 
