@@ -132,6 +132,7 @@ TEST(EnginePaths, MapsWrapAroundBoxesAndOtherVoxelRatiosGiveTheReferenceVoxels)
     AlignNL.Index3DEnd = end;
     AlignNL.iBasis = 0;
     expect_paths_equal("box", 0, 0);
+    AlignNL = {};  // the boxes above live on this stack
 
     make_scene(16, 1.6f, 24, 1.0f, 5);  // ratio 1.6: half-width 1, wider Gaussian
     expect_paths_equal("ratio 1.6", 1, 0);
