@@ -6,7 +6,11 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "globals.h"
 #include "similarity.h"
@@ -21,9 +25,42 @@ static float av_individual = 1.0f, av_template = 1.0f, min = 0.0f, max = 0.0f;
 static float DEF_sum2 = 0.0f;
 static int DEF_nvoxels = 0;
 
-/* Local histograms of the box under probe. */
+/* Local histograms of the box under probe. They are zero between calls: the cells a probe fills
+   are listed, subtracted from the running totals and cleared one by one (subtracting an empty
+   cell changes nothing, the totals never being negative). */
 static int MI_save_voxels;
 static float MI_save_I[NBINS], MI_save_T[NBINS], MI_save_IT[NBINS][NBINS];
+static int filled_I[NBINS], filled_T[NBINS], filled_IT[NBINS * NBINS];
+static int n_filled_I, n_filled_T, n_filled_IT;
+
+/* The mutual information of the running totals, with the terms of unchanged rows kept. */
+static mi_row_cache totals_mi_cache;
+
+/* Takes the box histograms out of the running totals (a result below 0 becoming 0) and clears them. */
+static void subtract_box_histograms(void)
+{
+    for (int k = 0; k < n_filled_I; k++) {
+        int a = filled_I[k];
+        MI_prob_I[a] -= MI_save_I[a];
+        if (MI_prob_I[a] < 0) MI_prob_I[a] = 0;
+        MI_save_I[a] = 0;
+    }
+    for (int k = 0; k < n_filled_T; k++) {
+        int b = filled_T[k];
+        MI_prob_T[b] -= MI_save_T[b];
+        if (MI_prob_T[b] < 0) MI_prob_T[b] = 0;
+        MI_save_T[b] = 0;
+    }
+    float *IT = &MI_prob_IT[0][0], *save = &MI_save_IT[0][0];
+    for (int k = 0; k < n_filled_IT; k++) {
+        int c = filled_IT[k];
+        IT[c] -= save[c];
+        if (IT[c] < 0) IT[c] = 0;
+        save[c] = 0;
+    }
+    n_filled_I = n_filled_T = n_filled_IT = 0;
+    MI_number_voxels -= MI_save_voxels;
+}
 
 const nl_cost_totals *nonlinear_cost_totals(void)
 {
@@ -99,9 +136,6 @@ float cost_function_nonlinear(int icost, int InitProbeSet)
                 memset(MI_prob_IT, 0, sizeof MI_prob_IT);
                 MI_number_voxels = 0;
             }
-            memset(MI_save_I, 0, sizeof MI_save_I);
-            memset(MI_save_T, 0, sizeof MI_save_T);
-            memset(MI_save_IT, 0, sizeof MI_save_IT);
             MI_save_voxels = 0;
             int into_totals = InitProbeSet != 1;
             int into_box = InitProbeSet == 1 || InitProbeSet == 2;
@@ -120,6 +154,9 @@ float cost_function_nonlinear(int icost, int InitProbeSet)
                             MI_number_voxels++;
                         }
                         if (into_box) {
+                            if (MI_save_I[bi] == 0) filled_I[n_filled_I++] = bi;
+                            if (MI_save_T[bt] == 0) filled_T[n_filled_T++] = bt;
+                            if (MI_save_IT[bi][bt] == 0) filled_IT[n_filled_IT++] = bi * NBINS + bt;
                             MI_save_I[bi] += 1;
                             MI_save_T[bt] += 1;
                             MI_save_IT[bi][bt] += 1;
@@ -128,20 +165,9 @@ float cost_function_nonlinear(int icost, int InitProbeSet)
                     }
                 }
             if (MI_number_voxels != 0)
-                similarity = mutual_information(MI_number_voxels, MI_prob_I, MI_prob_T, &MI_prob_IT[0][0]);
-            if (into_box) {
-                for (int a = 0; a < NBINS; a++) {
-                    MI_prob_I[a] -= MI_save_I[a];
-                    if (MI_prob_I[a] < 0) MI_prob_I[a] = 0;
-                    MI_prob_T[a] -= MI_save_T[a];
-                    if (MI_prob_T[a] < 0) MI_prob_T[a] = 0;
-                    for (int b = 0; b < NBINS; b++) {
-                        MI_prob_IT[a][b] -= MI_save_IT[a][b];
-                        if (MI_prob_IT[a][b] < 0) MI_prob_IT[a][b] = 0;
-                    }
-                }
-                MI_number_voxels -= MI_save_voxels;
-            }
+                similarity = mutual_information_cached(&totals_mi_cache, MI_number_voxels, MI_prob_I, MI_prob_T,
+                                                       &MI_prob_IT[0][0]);
+            if (into_box) subtract_box_histograms();
         }
     }
 
@@ -165,6 +191,57 @@ float mutual_information(int number_voxels, float *prob_I, float *prob_T, float 
             float ratio = nab * N / prob_I[a] / prob_T[b];
             mi += (nab / N) * log((double)ratio);
         }
+    }
+    return mi;
+}
+
+/* The terms of row a (individual bin a) in template-bin order, as mutual_information forms them. */
+static void row_terms(mi_row_cache *c, int a, float N, const float *prob_I, const float *prob_T, const float *row)
+{
+    int n = 0;
+    if (prob_I[a] > 0)
+        for (int b = 0; b < NBINS; b++) {
+            float nab = row[b];
+            if (!(nab > 0) || !(prob_T[b] > 0)) continue;
+            float ratio = nab * N / prob_I[a] / prob_T[b];
+            c->term[a][n++] = (nab / N) * log((double)ratio);
+        }
+    c->nterms[a] = n;
+}
+
+float mutual_information_cached(mi_row_cache *c, int number_voxels, const float *prob_I, const float *prob_T,
+                                const float *prob_IT)
+{
+    if (number_voxels <= 0) return 0.0f;
+    float N = (float)number_voxels;
+    int first = 0;
+    int same_rows[NBINS];
+    if (c->valid && c->number_voxels == number_voxels && memcmp(c->prob_T, prob_T, sizeof c->prob_T) == 0) {
+        first = NBINS;
+        for (int a = NBINS - 1; a >= 0; a--) {
+            same_rows[a] = memcmp(&c->prob_I[a], &prob_I[a], sizeof(float)) == 0 &&
+                           memcmp(c->prob_IT[a], prob_IT + a * NBINS, sizeof c->prob_IT[a]) == 0;
+            if (!same_rows[a]) first = a;
+        }
+    } else {
+        for (int a = 0; a < NBINS; a++) same_rows[a] = 0;
+        c->valid = 1;
+        c->number_voxels = number_voxels;
+        memcpy(c->prob_T, prob_T, sizeof c->prob_T);
+        c->before_row[0] = 0.0f;
+    }
+    /* Deliberate: the sum runs in float over every term in row order from the first changed row
+       on, each term added in double and rounded back, exactly as mutual_information does. */
+    float mi = c->before_row[first];
+    for (int a = first; a < NBINS; a++) {
+        if (!same_rows[a]) {
+            c->prob_I[a] = prob_I[a];
+            memcpy(c->prob_IT[a], prob_IT + a * NBINS, sizeof c->prob_IT[a]);
+            row_terms(c, a, N, prob_I, prob_T, prob_IT + a * NBINS);
+        }
+        const double *t = c->term[a];
+        for (int k = 0; k < c->nterms[a]; k++) mi += t[k];
+        c->before_row[a + 1] = mi;
     }
     return mi;
 }
@@ -209,9 +286,23 @@ void calculate_volume_averages_nonlinear(int all_bases, float *av_ind, float *av
     *vmax = hi;
 }
 
-float bending_penalty(int valid_plus, int valid_minus, float delta_plus, float delta_minus, float res2)
+
+/* ALIGN_SIMD=0 in the environment keeps every loop of this file on its one-voxel-at-a-time path
+   (the path of processors without SSE2), so that the tests can compare both with the reference. */
+static int simd_enabled(void)
 {
-    float s = AlignNL.stiffness;
+    static int enabled = -1;
+    if (enabled < 0) {
+        const char *env = getenv("ALIGN_SIMD");
+        enabled = env != NULL && atoi(env) == 0 ? 0 : 1;
+    }
+    return enabled;
+}
+
+/* bending_penalty with the stiffness as an argument, for the loops below. */
+static inline float penalty_one(int valid_plus, int valid_minus, float delta_plus, float delta_minus, float res2,
+                                float s)
+{
     float p = 0.0f;
     if (valid_plus && delta_plus != 0.0f) {
         float q = delta_plus * delta_plus / res2;
@@ -228,21 +319,175 @@ float bending_penalty(int valid_plus, int valid_minus, float delta_plus, float d
     return p + (1 - s) * (d * d) * (res2 * res2) / (k * k * k);
 }
 
-/* One axis of one map at one voxel: the forward and backward differences (each only when that
-   neighbour lies inside the grid; otherwise the previous value stays, as the z map's slips
-   rely on) and their bending penalty. */
-static inline float regular_axis_term(const float *D, int idx, int stride, int vp, int vm, float d0,
-                                      float res2, float *delta_plus, float *delta_minus, float *d_next)
+float bending_penalty(int valid_plus, int valid_minus, float delta_plus, float delta_minus, float res2)
 {
-    if (vp) { *d_next = D[idx + stride]; *delta_plus = *d_next - d0; }
-    if (vm) *delta_minus = d0 - D[idx - stride];
-    return bending_penalty(vp, vm, *delta_plus, *delta_minus, res2);
+    return penalty_one(valid_plus, valid_minus, delta_plus, delta_minus, res2, AlignNL.stiffness);
 }
+
+#ifdef __SSE2__
+struct penalty_constants {
+    __m128 zero, two, r2, r2sq, half_s, one_minus_s;
+};
+
+static inline penalty_constants make_penalty_constants(float res2, float s)
+{
+    penalty_constants c;
+    c.zero = _mm_setzero_ps();
+    c.two = _mm_set1_ps(2.0f);
+    c.r2 = _mm_set1_ps(res2);
+    c.r2sq = _mm_set1_ps(res2 * res2);
+    c.half_s = _mm_set1_ps(s / 2);
+    c.one_minus_s = _mm_set1_ps(1 - s);
+    return c;
+}
+
+/* penalty_one on four lanes, the operations in the same order; each branch becomes a blend, so a
+   lane that the scalar routine would skip keeps p as it was. vp, vm: all ones or all zeros. */
+static inline __m128 penalty_four(__m128 dp, __m128 dm, __m128 vp, __m128 vm, const penalty_constants &c)
+{
+    __m128 q = _mm_div_ps(_mm_mul_ps(dp, dp), c.r2);
+    __m128 p1 = _mm_add_ps(c.zero, _mm_mul_ps(c.half_s, _mm_mul_ps(q, q)));
+    __m128 take = _mm_and_ps(vp, _mm_cmpneq_ps(dp, c.zero));
+    __m128 p = _mm_and_ps(take, p1);
+    q = _mm_div_ps(_mm_mul_ps(dm, dm), c.r2);
+    __m128 p2 = _mm_add_ps(p, _mm_mul_ps(c.half_s, _mm_mul_ps(q, q)));
+    take = _mm_and_ps(vm, _mm_cmpneq_ps(dm, c.zero));
+    p = _mm_or_ps(_mm_and_ps(take, p2), _mm_andnot_ps(take, p));
+    __m128 m = _mm_div_ps(_mm_add_ps(dp, dm), c.two);
+    __m128 k = _mm_add_ps(_mm_mul_ps(m, m), c.r2);
+    __m128 d = _mm_sub_ps(dp, dm);
+    __m128 curv = _mm_div_ps(_mm_mul_ps(_mm_mul_ps(c.one_minus_s, _mm_mul_ps(d, d)), c.r2sq),
+                             _mm_mul_ps(_mm_mul_ps(k, k), k));
+    __m128 both = _mm_and_ps(vp, vm);
+    return _mm_or_ps(_mm_and_ps(both, _mm_add_ps(p, curv)), _mm_andnot_ps(both, p));
+}
+#endif
+
+void bending_penalty_run(int n, const float *delta_plus, const float *delta_minus, const int *valid_plus,
+                         const int *valid_minus, float res2, float *penalty, int simd)
+{
+    float s = AlignNL.stiffness;
+    int i = 0;
+#ifdef __SSE2__
+    if (simd) {
+        penalty_constants c = make_penalty_constants(res2, s);
+        for (; i + 4 <= n; i += 4) {
+            __m128 vp = _mm_castsi128_ps(_mm_cmpeq_epi32(_mm_loadu_si128((const __m128i *)(valid_plus + i)),
+                                                         _mm_setzero_si128()));
+            __m128 vm = _mm_castsi128_ps(_mm_cmpeq_epi32(_mm_loadu_si128((const __m128i *)(valid_minus + i)),
+                                                         _mm_setzero_si128()));
+            __m128 all = _mm_castsi128_ps(_mm_set1_epi32(-1));
+            _mm_storeu_ps(penalty + i, penalty_four(_mm_loadu_ps(delta_plus + i), _mm_loadu_ps(delta_minus + i),
+                                                    _mm_xor_ps(vp, all), _mm_xor_ps(vm, all), c));
+        }
+    }
+#else
+    (void)simd;
+#endif
+    for (; i < n; i++)
+        penalty[i] = penalty_one(valid_plus[i] != 0, valid_minus[i] != 0, delta_plus[i], delta_minus[i], res2, s);
+}
+
+/* The walk of cost_deformation: the maps, which of them are penalised, and the differences and
+   the last "next" value carried from term to term and voxel to voxel. */
+struct deformation_walk {
+    const float *D[3];
+    int adjust[3];
+    int nx, n2d;
+    float res2x, res2y, res2z, s;
+    float delta_plus, delta_minus, d_next;
+};
+
+/* One map along one axis at one voxel: the forward and backward differences (each only when that
+   neighbour lies inside the grid; otherwise the previous value stays, as the z map's slips rely
+   on) and their bending penalty. */
+static inline float regular_axis_term(deformation_walk *w, const float *D, int idx, int stride, int vp, int vm,
+                                      float d0, float res2)
+{
+    if (vp) { w->d_next = D[idx + stride]; w->delta_plus = w->d_next - d0; }
+    if (vm) w->delta_minus = d0 - D[idx - stride];
+    return penalty_one(vp, vm, w->delta_plus, w->delta_minus, res2, w->s);
+}
+
+/* The penalty of one voxel (fAdd), term by term in the order of the straightforward walk. */
+static inline float voxel_penalty(deformation_walk *w, int idx, int xp, int xm, int yp, int ym, int zp, int zm)
+{
+    int nx = w->nx, n2d = w->n2d;
+    float fAdd = 0.0f;
+    if (w->adjust[0]) {
+        const float *D = w->D[0];
+        float d0 = D[idx];
+        fAdd += regular_axis_term(w, D, idx, 1, xp, xm, d0, w->res2x);
+        fAdd += regular_axis_term(w, D, idx, nx, yp, ym, d0, w->res2y);
+        fAdd += regular_axis_term(w, D, idx, n2d, zp, zm, d0, w->res2z);
+    }
+    if (w->adjust[1]) {
+        const float *D = w->D[1];
+        float d0 = D[idx];
+        fAdd += regular_axis_term(w, D, idx, nx, yp, ym, d0, w->res2y);
+        fAdd += regular_axis_term(w, D, idx, 1, xp, xm, d0, w->res2x);
+        fAdd += regular_axis_term(w, D, idx, n2d, zp, zm, d0, w->res2z);
+    }
+    if (w->adjust[2]) {
+        const float *D = w->D[2];
+        float d0 = D[idx];
+        fAdd += regular_axis_term(w, D, idx, n2d, zp, zm, d0, w->res2z);
+        if (xp) { w->d_next = D[idx + 1]; w->delta_plus = w->d_next - d0; }
+        if (xm) w->delta_plus = d0 - D[idx - 1];
+        fAdd += penalty_one(xp, xm, w->delta_plus, w->delta_minus, w->res2x, w->s);
+        if (yp) { w->d_next = D[idx + nx]; w->delta_plus = w->d_next - d0; }
+        if (ym) w->delta_minus = w->d_next - d0;
+        fAdd += penalty_one(yp, ym, w->delta_plus, w->delta_minus, w->res2y, w->s);
+    }
+    return fAdd;
+}
+
+#ifdef __SSE2__
+/* fAdd of four voxels idx..idx+3 whose six neighbours all lie inside the grid. There every
+   difference the walk uses is the voxel's own: the z map's stale delta_minus along x is its own
+   backward z difference and its y "backward" difference is the forward one. */
+static inline __m128 interior_penalty_four(const deformation_walk *w, int idx, const penalty_constants c[3])
+{
+    const __m128 all = _mm_castsi128_ps(_mm_set1_epi32(-1));
+    const int nx = w->nx, n2d = w->n2d;
+    __m128 fAdd = _mm_setzero_ps();
+    if (w->adjust[0]) {
+        const float *D = w->D[0] + idx;
+        __m128 d0 = _mm_loadu_ps(D);
+        fAdd = _mm_add_ps(fAdd, penalty_four(_mm_sub_ps(_mm_loadu_ps(D + 1), d0), _mm_sub_ps(d0, _mm_loadu_ps(D - 1)), all, all, c[0]));
+        fAdd = _mm_add_ps(fAdd, penalty_four(_mm_sub_ps(_mm_loadu_ps(D + nx), d0), _mm_sub_ps(d0, _mm_loadu_ps(D - nx)), all, all, c[1]));
+        fAdd = _mm_add_ps(fAdd, penalty_four(_mm_sub_ps(_mm_loadu_ps(D + n2d), d0), _mm_sub_ps(d0, _mm_loadu_ps(D - n2d)), all, all, c[2]));
+    }
+    if (w->adjust[1]) {
+        const float *D = w->D[1] + idx;
+        __m128 d0 = _mm_loadu_ps(D);
+        fAdd = _mm_add_ps(fAdd, penalty_four(_mm_sub_ps(_mm_loadu_ps(D + nx), d0), _mm_sub_ps(d0, _mm_loadu_ps(D - nx)), all, all, c[1]));
+        fAdd = _mm_add_ps(fAdd, penalty_four(_mm_sub_ps(_mm_loadu_ps(D + 1), d0), _mm_sub_ps(d0, _mm_loadu_ps(D - 1)), all, all, c[0]));
+        fAdd = _mm_add_ps(fAdd, penalty_four(_mm_sub_ps(_mm_loadu_ps(D + n2d), d0), _mm_sub_ps(d0, _mm_loadu_ps(D - n2d)), all, all, c[2]));
+    }
+    if (w->adjust[2]) {
+        const float *D = w->D[2] + idx;
+        __m128 d0 = _mm_loadu_ps(D);
+        __m128 back_z = _mm_sub_ps(d0, _mm_loadu_ps(D - n2d));
+        fAdd = _mm_add_ps(fAdd, penalty_four(_mm_sub_ps(_mm_loadu_ps(D + n2d), d0), back_z, all, all, c[2]));
+        fAdd = _mm_add_ps(fAdd, penalty_four(_mm_sub_ps(d0, _mm_loadu_ps(D - 1)), back_z, all, all, c[0]));
+        __m128 fwd_y = _mm_sub_ps(_mm_loadu_ps(D + nx), d0);
+        fAdd = _mm_add_ps(fAdd, penalty_four(fwd_y, fwd_y, all, all, c[1]));
+    }
+    return fAdd;
+}
+
+#endif
 
 /* Deliberate: the z map keeps two slips (backward x difference stored as delta_plus with a stale
    delta_minus; the y backward difference taken from the last "next" value loaded). The deltas and
    the last "next" value live across components and voxels, as the slips require. Pinned by
-   CostDeformation.ZMapKeepsItsTwoSlips. */
+   CostDeformation.ZMapKeepsItsTwoSlips. Runs of four voxels away from the grid's faces are
+   computed side by side; each voxel's terms are still added in order and the voxels summed one
+   by one in walk order. The runs leave the carried values as they were: a carried value is read
+   from an earlier voxel only on the z = 0 plane (the z map's delta_minus along x, when neither
+   other map is penalised) and at the grid's far corner (the last "next" value), and the voxels
+   walked before those are all on a face of the grid, never in a run. */
 float cost_deformation(int InitProbeSet, int normalize)
 {
     IPOINT3D s, e;
@@ -252,66 +497,67 @@ float cost_deformation(int InitProbeSet, int normalize)
         DEF_nvoxels = 0;
     }
     IPOINT3D dim = template_.dim;
-    int nx = dim.x, n2d = dim.x * dim.y;
-    float r2x = template_.resolution.x * template_.resolution.x;
-    float r2y = template_.resolution.y * template_.resolution.y;
-    float r2z = template_.resolution.z * template_.resolution.z;
-    const float *DX = distort_x.SpaceTime.fData;
-    const float *DY = distort_y.SpaceTime.fData;
-    const float *DZ = distort_z.SpaceTime.fData;
+    deformation_walk w;
+    w.nx = dim.x;
+    w.n2d = dim.x * dim.y;
+    w.D[0] = distort_x.SpaceTime.fData;
+    w.D[1] = distort_y.SpaceTime.fData;
+    w.D[2] = distort_z.SpaceTime.fData;
+    w.adjust[0] = AlignNL.Adjust.x != 0;
+    w.adjust[1] = AlignNL.Adjust.y != 0;
+    w.adjust[2] = AlignNL.Adjust.z != 0;
+    w.res2x = template_.resolution.x * template_.resolution.x;
+    w.res2y = template_.resolution.y * template_.resolution.y;
+    w.res2z = template_.resolution.z * template_.resolution.z;
+    w.s = AlignNL.stiffness;
+    w.delta_plus = w.delta_minus = w.d_next = 0.0f;
     float box_sum = 0.0f;
     int box_n = 0;
-    float delta_plus = 0.0f, delta_minus = 0.0f, d_next = 0.0f;
-    int vp, vm;
+    int into_totals = InitProbeSet != 1, into_box = InitProbeSet == 1 || InitProbeSet == 2;
+#ifdef __SSE2__
+    int simd = simd_enabled() && (w.adjust[0] || w.adjust[1] || w.adjust[2]);
+    penalty_constants c[3] = {make_penalty_constants(w.res2x, w.s), make_penalty_constants(w.res2y, w.s),
+                              make_penalty_constants(w.res2z, w.s)};
+#endif
 
     for (int z = s.z; z < e.z; z++)
-        for (int y = s.y; y < e.y; y++)
-            for (int x = s.x; x < e.x; x++) {
-                int idx = z * n2d + y * nx + x;
-                float fAdd = 0.0f;
-                int xp = x + 1 < dim.x, xm = x - 1 >= 0;
-                int yp = y + 1 < dim.y, ym = y - 1 >= 0;
-                int zp = z + 1 < dim.z, zm = z - 1 >= 0;
-                if (AlignNL.Adjust.x) {
-                    const float *D = DX;
-                    float d0 = D[idx];
-                    fAdd += regular_axis_term(D, idx, 1, xp, xm, d0, r2x, &delta_plus, &delta_minus, &d_next);
-                    fAdd += regular_axis_term(D, idx, nx, yp, ym, d0, r2y, &delta_plus, &delta_minus, &d_next);
-                    fAdd += regular_axis_term(D, idx, n2d, zp, zm, d0, r2z, &delta_plus, &delta_minus, &d_next);
+        for (int y = s.y; y < e.y; y++) {
+            int yp = y + 1 < dim.y, ym = y - 1 >= 0;
+            int zp = z + 1 < dim.z, zm = z - 1 >= 0;
+            int row = z * w.n2d + y * w.nx;
+            int x = s.x;
+#ifdef __SSE2__
+            /* Four at a time from the first voxel with a previous one in x up to the last with a
+               next one, when the row is away from the y and z faces. */
+            int x_simd_end = e.x < dim.x - 1 ? e.x : dim.x - 1;
+            if (simd && yp && ym && zp && zm)
+                while (x + 4 <= x_simd_end) {
+                    if (x < 1) {
+                        float fAdd = voxel_penalty(&w, row + x, x + 1 < dim.x, x - 1 >= 0, yp, ym, zp, zm);
+                        if (into_totals) { DEF_sum2 += fAdd; DEF_nvoxels++; }
+                        if (into_box) { box_sum += fAdd; box_n++; }
+                        x++;
+                        continue;
+                    }
+                    float f4[4];
+                    _mm_storeu_ps(f4, interior_penalty_four(&w, row + x, c));
+                    for (int i = 0; i < 4; i++) {
+                        if (into_totals) { DEF_sum2 += f4[i]; DEF_nvoxels++; }
+                        if (into_box) { box_sum += f4[i]; box_n++; }
+                    }
+                    x += 4;
                 }
-                if (AlignNL.Adjust.y) {
-                    const float *D = DY;
-                    float d0 = D[idx];
-                    fAdd += regular_axis_term(D, idx, nx, yp, ym, d0, r2y, &delta_plus, &delta_minus, &d_next);
-                    fAdd += regular_axis_term(D, idx, 1, xp, xm, d0, r2x, &delta_plus, &delta_minus, &d_next);
-                    fAdd += regular_axis_term(D, idx, n2d, zp, zm, d0, r2z, &delta_plus, &delta_minus, &d_next);
-                }
-                if (AlignNL.Adjust.z) {
-                    const float *D = DZ;
-                    float d0 = D[idx];
-                    fAdd += regular_axis_term(D, idx, n2d, zp, zm, d0, r2z, &delta_plus, &delta_minus, &d_next);
-                    vp = xp; vm = xm;
-                    if (vp) { d_next = D[idx + 1]; delta_plus = d_next - d0; }
-                    if (vm) delta_plus = d0 - D[idx - 1];
-                    fAdd += bending_penalty(vp, vm, delta_plus, delta_minus, r2x);
-                    vp = yp; vm = ym;
-                    if (vp) { d_next = D[idx + nx]; delta_plus = d_next - d0; }
-                    if (vm) delta_minus = d_next - d0;
-                    fAdd += bending_penalty(vp, vm, delta_plus, delta_minus, r2y);
-                }
-                if (InitProbeSet != 1) {
-                    DEF_sum2 += fAdd;
-                    DEF_nvoxels++;
-                }
-                if (InitProbeSet == 1 || InitProbeSet == 2) {
-                    box_sum += fAdd;
-                    box_n++;
-                }
+#endif
+            for (; x < e.x; x++) {
+                float fAdd = voxel_penalty(&w, row + x, x + 1 < dim.x, x - 1 >= 0, yp, ym, zp, zm);
+                if (into_totals) { DEF_sum2 += fAdd; DEF_nvoxels++; }
+                if (into_box) { box_sum += fAdd; box_n++; }
             }
+        }
 
     float result = DEF_sum2;
     if (normalize) result = DEF_nvoxels == 0 ? 1e10f : DEF_sum2 / (float)DEF_nvoxels;
-    if (InitProbeSet == 1 || InitProbeSet == 2) {
+    if (into_box) {
         DEF_sum2 -= box_sum;
         DEF_nvoxels -= box_n;
     }
