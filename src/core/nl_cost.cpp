@@ -564,11 +564,103 @@ float cost_deformation(int InitProbeSet, int normalize)
     return result;
 }
 
+/* Determinant of the Jacobian of the maps at voxel idx (forward differences over the voxel sizes). */
+static inline float jacobian_determinant(const float *DX, const float *DY, const float *DZ, int idx, int nx,
+                                         int n2d, POINT3D r)
+{
+    float a00 = 1 + (DX[idx + 1] - DX[idx]) / r.x;
+    float a01 = (DY[idx + 1] - DY[idx]) / r.x;
+    float a02 = (DZ[idx + 1] - DZ[idx]) / r.x;
+    float a10 = (DX[idx + nx] - DX[idx]) / r.y;
+    float a11 = 1 + (DY[idx + nx] - DY[idx]) / r.y;
+    float a12 = (DZ[idx + nx] - DZ[idx]) / r.y;
+    float a20 = (DX[idx + n2d] - DX[idx]) / r.z;
+    float a21 = (DY[idx + n2d] - DY[idx]) / r.z;
+    float a22 = 1 + (DZ[idx + n2d] - DZ[idx]) / r.z;
+    return a00 * (a11 * a22 - a12 * a21) - a01 * (a10 * a22 - a12 * a20) + a02 * (a10 * a21 - a11 * a20);
+}
+
+#ifdef __SSE2__
+/* jacobian_determinant of the four voxels idx..idx+3, the operations in the same order. */
+static inline __m128 jacobian_determinant_four(const float *DX, const float *DY, const float *DZ, int idx, int nx,
+                                               int n2d, __m128 rx, __m128 ry, __m128 rz)
+{
+    const __m128 one = _mm_set1_ps(1.0f);
+    __m128 x0 = _mm_loadu_ps(DX + idx), y0 = _mm_loadu_ps(DY + idx), z0 = _mm_loadu_ps(DZ + idx);
+    __m128 a00 = _mm_add_ps(one, _mm_div_ps(_mm_sub_ps(_mm_loadu_ps(DX + idx + 1), x0), rx));
+    __m128 a01 = _mm_div_ps(_mm_sub_ps(_mm_loadu_ps(DY + idx + 1), y0), rx);
+    __m128 a02 = _mm_div_ps(_mm_sub_ps(_mm_loadu_ps(DZ + idx + 1), z0), rx);
+    __m128 a10 = _mm_div_ps(_mm_sub_ps(_mm_loadu_ps(DX + idx + nx), x0), ry);
+    __m128 a11 = _mm_add_ps(one, _mm_div_ps(_mm_sub_ps(_mm_loadu_ps(DY + idx + nx), y0), ry));
+    __m128 a12 = _mm_div_ps(_mm_sub_ps(_mm_loadu_ps(DZ + idx + nx), z0), ry);
+    __m128 a20 = _mm_div_ps(_mm_sub_ps(_mm_loadu_ps(DX + idx + n2d), x0), rz);
+    __m128 a21 = _mm_div_ps(_mm_sub_ps(_mm_loadu_ps(DY + idx + n2d), y0), rz);
+    __m128 a22 = _mm_add_ps(one, _mm_div_ps(_mm_sub_ps(_mm_loadu_ps(DZ + idx + n2d), z0), rz));
+    __m128 t0 = _mm_mul_ps(a00, _mm_sub_ps(_mm_mul_ps(a11, a22), _mm_mul_ps(a12, a21)));
+    __m128 t1 = _mm_mul_ps(a01, _mm_sub_ps(_mm_mul_ps(a10, a22), _mm_mul_ps(a12, a20)));
+    __m128 t2 = _mm_mul_ps(a02, _mm_sub_ps(_mm_mul_ps(a10, a21), _mm_mul_ps(a11, a20)));
+    return _mm_add_ps(_mm_sub_ps(t0, t1), t2);
+}
+#endif
+
+/* The largest float f with (double)f <= 0.2, so that f compares with a float determinant as
+   0.2 does with the determinant converted to double. */
+static float fold_threshold(void)
+{
+    float f = 0.2f;
+    while ((double)f > 0.2) f = nextafterf(f, 0.0f);
+    return f;
+}
+
+/* The number of region voxels with a non-zero template value, a next voxel inside the grid along
+   each axis and a determinant of at most 0.2: the count of number_invalid_distortions alone. */
+static int count_folded(IPOINT3D s, IPOINT3D e)
+{
+    IPOINT3D dim = template_.dim;
+    int nx = dim.x, n2d = dim.x * dim.y;
+    POINT3D r = template_.resolution;
+    const float *T = template_volume();
+    const float *DX = distort_x.SpaceTime.fData;
+    const float *DY = distort_y.SpaceTime.fData;
+    const float *DZ = distort_z.SpaceTime.fData;
+    int nbad = 0;
+    if (e.z > dim.z - 1) e.z = dim.z - 1;
+    if (e.y > dim.y - 1) e.y = dim.y - 1;
+    if (e.x > dim.x - 1) e.x = dim.x - 1;
+#ifdef __SSE2__
+    int simd = simd_enabled();
+    const __m128 rx = _mm_set1_ps(r.x), ry = _mm_set1_ps(r.y), rz = _mm_set1_ps(r.z);
+    const __m128 limit = _mm_set1_ps(fold_threshold()), zero = _mm_setzero_ps();
+#endif
+    for (int z = s.z; z < e.z; z++)
+        for (int y = s.y; y < e.y; y++) {
+            int row = z * n2d + y * nx, x = s.x;
+#ifdef __SSE2__
+            if (simd)
+                for (; x + 4 <= e.x; x += 4) {
+                    __m128 det = jacobian_determinant_four(DX, DY, DZ, row + x, nx, n2d, rx, ry, rz);
+                    __m128 bad = _mm_and_ps(_mm_cmple_ps(det, limit), _mm_cmpneq_ps(_mm_loadu_ps(T + row + x), zero));
+                    int m = _mm_movemask_ps(bad);
+                    nbad += (m & 1) + ((m >> 1) & 1) + ((m >> 2) & 1) + ((m >> 3) & 1);
+                }
+#endif
+            for (; x < e.x; x++) {
+                int idx = row + x;
+                if (T[idx] == 0.0f) continue;
+                if ((double)jacobian_determinant(DX, DY, DZ, idx, nx, n2d, r) <= 0.2) nbad++;
+            }
+        }
+    return nbad;
+}
+
+/* Only the first call and the calls with a non-zero pass print, and only they need the spacing
+   and determinant extremes; the others count folded voxels alone. */
 int number_invalid_distortions(int all_voxels, int ilevel, int ipass)
 {
     static int first_call = 1;
     IPOINT3D s, e;
     region(all_voxels != 0, &s, &e);
+    if (!first_call && ipass == 0) return count_folded(s, e);
     IPOINT3D dim = template_.dim;
     int nx = dim.x, n2d = dim.x * dim.y;
     POINT3D r = template_.resolution;
@@ -595,17 +687,7 @@ int number_invalid_distortions(int all_voxels, int ilevel, int ipass)
                 if (sx > cmax.x) cmax.x = sx;
                 if (sy > cmax.y) cmax.y = sy;
                 if (sz > cmax.z) cmax.z = sz;
-                float a00 = 1 + (DX[idx + 1] - DX[idx]) / r.x;
-                float a01 = (DY[idx + 1] - DY[idx]) / r.x;
-                float a02 = (DZ[idx + 1] - DZ[idx]) / r.x;
-                float a10 = (DX[idx + nx] - DX[idx]) / r.y;
-                float a11 = 1 + (DY[idx + nx] - DY[idx]) / r.y;
-                float a12 = (DZ[idx + nx] - DZ[idx]) / r.y;
-                float a20 = (DX[idx + n2d] - DX[idx]) / r.z;
-                float a21 = (DY[idx + n2d] - DY[idx]) / r.z;
-                float a22 = 1 + (DZ[idx + n2d] - DZ[idx]) / r.z;
-                float det = a00 * (a11 * a22 - a12 * a21) - a01 * (a10 * a22 - a12 * a20) +
-                            a02 * (a10 * a21 - a11 * a20);
+                float det = jacobian_determinant(DX, DY, DZ, idx, nx, n2d, r);
                 if (det < det_min) det_min = det;
                 if (det > det_max) det_max = det;
                 if ((double)det <= 0.2) nbad++;
