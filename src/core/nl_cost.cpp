@@ -13,6 +13,7 @@
 #endif
 
 #include "globals.h"
+#include "numerics.h"
 #include "similarity.h"
 
 #define NBINS 50
@@ -33,14 +34,17 @@ static float MI_save_I[NBINS], MI_save_T[NBINS], MI_save_IT[NBINS][NBINS];
 static int filled_I[NBINS], filled_T[NBINS], filled_IT[NBINS * NBINS];
 static int n_filled_I, n_filled_T, n_filled_IT;
 
-/* The mutual information of the running totals, with the terms of unchanged rows kept. */
+/* The mutual information of the running totals, with the terms of unchanged rows kept; the rows
+   of the totals written since its last evaluation are marked. */
 static mi_row_cache totals_mi_cache;
+static unsigned char rows_written[NBINS];
 
 /* Takes the box histograms out of the running totals (a result below 0 becoming 0) and clears them. */
 static void subtract_box_histograms(void)
 {
     for (int k = 0; k < n_filled_I; k++) {
         int a = filled_I[k];
+        rows_written[a] = 1;
         MI_prob_I[a] -= MI_save_I[a];
         if (MI_prob_I[a] < 0) MI_prob_I[a] = 0;
         MI_save_I[a] = 0;
@@ -54,6 +58,7 @@ static void subtract_box_histograms(void)
     float *IT = &MI_prob_IT[0][0], *save = &MI_save_IT[0][0];
     for (int k = 0; k < n_filled_IT; k++) {
         int c = filled_IT[k];
+        rows_written[c / NBINS] = 1;
         IT[c] -= save[c];
         if (IT[c] < 0) IT[c] = 0;
         save[c] = 0;
@@ -135,6 +140,7 @@ float cost_function_nonlinear(int icost, int InitProbeSet)
                 memset(MI_prob_T, 0, sizeof MI_prob_T);
                 memset(MI_prob_IT, 0, sizeof MI_prob_IT);
                 MI_number_voxels = 0;
+                memset(rows_written, 1, sizeof rows_written);
             }
             MI_save_voxels = 0;
             int into_totals = InitProbeSet != 1;
@@ -148,6 +154,7 @@ float cost_function_nonlinear(int icost, int InitProbeSet)
                         int bi = intensity_bin(I[row + x] / av_individual, min, range);
                         int bt = intensity_bin(t / av_template, min, range);
                         if (into_totals) {
+                            rows_written[bi] = 1;
                             MI_prob_I[bi] += 1;
                             MI_prob_T[bt] += 1;
                             MI_prob_IT[bi][bt] += 1;
@@ -165,8 +172,11 @@ float cost_function_nonlinear(int icost, int InitProbeSet)
                     }
                 }
             if (MI_number_voxels != 0)
+            {
                 similarity = mutual_information_cached(&totals_mi_cache, MI_number_voxels, MI_prob_I, MI_prob_T,
-                                                       &MI_prob_IT[0][0]);
+                                                       &MI_prob_IT[0][0], rows_written);
+                memset(rows_written, 0, sizeof rows_written);
+            }
             if (into_box) subtract_box_histograms();
         }
     }
@@ -196,51 +206,73 @@ float mutual_information(int number_voxels, float *prob_I, float *prob_T, float 
 }
 
 /* The terms of row a (individual bin a) in template-bin order, as mutual_information forms them. */
-static void row_terms(mi_row_cache *c, int a, float N, const float *prob_I, const float *prob_T, const float *row)
+static void row_terms(mi_row_version *v, float N, float prob_I, const float *prob_T)
 {
     int n = 0;
-    if (prob_I[a] > 0)
+    if (prob_I > 0)
         for (int b = 0; b < NBINS; b++) {
-            float nab = row[b];
+            float nab = v->prob_IT[b];
             if (!(nab > 0) || !(prob_T[b] > 0)) continue;
-            float ratio = nab * N / prob_I[a] / prob_T[b];
-            c->term[a][n++] = (nab / N) * log((double)ratio);
+            float ratio = nab * N / prob_I / prob_T[b];
+            v->term[n++] = (nab / N) * log((double)ratio);
         }
-    c->nterms[a] = n;
+    v->nterms = n;
+}
+
+static inline int same_row(const mi_row_version *v, float prob_I, const float *row)
+{
+    return memcmp(&v->prob_I, &prob_I, sizeof prob_I) == 0 && memcmp(v->prob_IT, row, sizeof v->prob_IT) == 0;
 }
 
 float mutual_information_cached(mi_row_cache *c, int number_voxels, const float *prob_I, const float *prob_T,
-                                const float *prob_IT)
+                                const float *prob_IT, const unsigned char *maybe_changed)
 {
     if (number_voxels <= 0) return 0.0f;
     float N = (float)number_voxels;
-    int first = 0;
-    int same_rows[NBINS];
-    if (c->valid && c->number_voxels == number_voxels && memcmp(c->prob_T, prob_T, sizeof c->prob_T) == 0) {
-        first = NBINS;
-        for (int a = NBINS - 1; a >= 0; a--) {
-            same_rows[a] = memcmp(&c->prob_I[a], &prob_I[a], sizeof(float)) == 0 &&
-                           memcmp(c->prob_IT[a], prob_IT + a * NBINS, sizeof c->prob_IT[a]) == 0;
-            if (!same_rows[a]) first = a;
-        }
-    } else {
-        for (int a = 0; a < NBINS; a++) same_rows[a] = 0;
+    int first = NBINS;
+    if (!c->valid || c->number_voxels != number_voxels || memcmp(c->prob_T, prob_T, sizeof c->prob_T) != 0) {
+        /* Every term changes: forget all versions. */
         c->valid = 1;
         c->number_voxels = number_voxels;
         memcpy(c->prob_T, prob_T, sizeof c->prob_T);
+        for (int a = 0; a < NBINS; a++) {
+            for (int k = 0; k < MI_ROW_VERSIONS; k++) c->row[a][k].valid = 0;
+            mi_row_version *v = &c->row[a][0];
+            v->valid = 1;
+            v->prob_I = prob_I[a];
+            memcpy(v->prob_IT, prob_IT + a * NBINS, sizeof v->prob_IT);
+            row_terms(v, N, prob_I[a], prob_T);
+            c->current[a] = 0;
+            c->next_version[a] = 1;
+        }
+        first = 0;
         c->before_row[0] = 0.0f;
+    } else {
+        for (int a = 0; a < NBINS; a++) {
+            if (maybe_changed != NULL && !maybe_changed[a]) continue;
+            const float *row = prob_IT + a * NBINS;
+            if (same_row(&c->row[a][c->current[a]], prob_I[a], row)) continue;
+            if (first == NBINS) first = a;
+            int k = 0;
+            while (k < MI_ROW_VERSIONS && !(c->row[a][k].valid && same_row(&c->row[a][k], prob_I[a], row))) k++;
+            if (k == MI_ROW_VERSIONS) {  /* a new version replaces the oldest */
+                k = c->next_version[a];
+                c->next_version[a] = (k + 1) % MI_ROW_VERSIONS;
+                mi_row_version *v = &c->row[a][k];
+                v->valid = 1;
+                v->prob_I = prob_I[a];
+                memcpy(v->prob_IT, row, sizeof v->prob_IT);
+                row_terms(v, N, prob_I[a], prob_T);
+            }
+            c->current[a] = k;
+        }
     }
     /* Deliberate: the sum runs in float over every term in row order from the first changed row
        on, each term added in double and rounded back, exactly as mutual_information does. */
     float mi = c->before_row[first];
     for (int a = first; a < NBINS; a++) {
-        if (!same_rows[a]) {
-            c->prob_I[a] = prob_I[a];
-            memcpy(c->prob_IT[a], prob_IT + a * NBINS, sizeof c->prob_IT[a]);
-            row_terms(c, a, N, prob_I, prob_T, prob_IT + a * NBINS);
-        }
-        const double *t = c->term[a];
-        for (int k = 0; k < c->nterms[a]; k++) mi += t[k];
+        const mi_row_version *v = &c->row[a][c->current[a]];
+        for (int k = 0; k < v->nterms; k++) mi += v->term[k];
         c->before_row[a + 1] = mi;
     }
     return mi;
@@ -287,14 +319,15 @@ void calculate_volume_averages_nonlinear(int all_bases, float *av_ind, float *av
 }
 
 
-/* ALIGN_SIMD=0 in the environment keeps every loop of this file on its one-voxel-at-a-time path
-   (the path of processors without SSE2), so that the tests can compare both with the reference. */
+/* ALIGN_SIMD=scalar in the environment keeps every loop of this file on its one-voxel-at-a-time
+   path (the path of processors without SSE2), so that the tests can compare both with the
+   reference. */
 static int simd_enabled(void)
 {
     static int enabled = -1;
     if (enabled < 0) {
         const char *env = getenv("ALIGN_SIMD");
-        enabled = env != NULL && atoi(env) == 0 ? 0 : 1;
+        enabled = env != NULL && strcmp(env, "scalar") == 0 ? 0 : 1;
     }
     return enabled;
 }
@@ -479,6 +512,172 @@ static inline __m128 interior_penalty_four(const deformation_walk *w, int idx, c
 
 #endif
 
+/* The three penalty terms of one map at each voxel of a box, kept with everything they were
+   computed from: the box, the grid, the voxel sizes, the stiffness and the map's values over the
+   box grown by one voxel on each side (within the grid). During the probes of one coefficient only
+   one map changes, so the other two maps' terms are taken from here. */
+struct map_terms {
+    int valid;
+    IPOINT3D dim, start, end, mstart, mend;
+    float res2x, res2y, res2z, s;
+    int nvalues, nterms;
+    float *values, *terms;
+};
+
+static int map_terms_match(const map_terms *m, const deformation_walk *w, IPOINT3D dim, IPOINT3D s, IPOINT3D e)
+{
+    return m->valid && m->dim.x == dim.x && m->dim.y == dim.y && m->dim.z == dim.z && m->start.x == s.x &&
+           m->start.y == s.y && m->start.z == s.z && m->end.x == e.x && m->end.y == e.y && m->end.z == e.z &&
+           memcmp(&m->res2x, &w->res2x, sizeof(float)) == 0 && memcmp(&m->res2y, &w->res2y, sizeof(float)) == 0 &&
+           memcmp(&m->res2z, &w->res2z, sizeof(float)) == 0 && memcmp(&m->s, &w->s, sizeof(float)) == 0;
+}
+
+/* Copies (copy nonzero) or compares the map's values over the grown box; returns 1 when equal. */
+static int margin_values(map_terms *m, const float *D, int copy)
+{
+    int nx = m->dim.x, n2d = m->dim.x * m->dim.y, k = 0;
+    size_t len = sizeof(float) * (size_t)(m->mend.x - m->mstart.x);
+    for (int z = m->mstart.z; z < m->mend.z; z++)
+        for (int y = m->mstart.y; y < m->mend.y; y++) {
+            const float *row = D + z * n2d + y * nx + m->mstart.x;
+            if (copy)
+                memcpy(m->values + k, row, len);
+            else if (memcmp(m->values + k, row, len) != 0)
+                return 0;
+            k += m->mend.x - m->mstart.x;
+        }
+    return 1;
+}
+
+/* The terms of map c at one voxel where none of them reads a carried value (see box_terms_are_local). */
+static inline void local_map_terms(const deformation_walk *w, int c, int idx, int xp, int xm, int yp, int ym, int zp,
+                                   int zm, float *t)
+{
+    const float *D = w->D[c];
+    const int nx = w->nx, n2d = w->n2d;
+    float d0 = D[idx];
+    float fx = xp ? D[idx + 1] - d0 : 0.0f, bx = xm ? d0 - D[idx - 1] : 0.0f;
+    float fy = yp ? D[idx + nx] - d0 : 0.0f, by = ym ? d0 - D[idx - nx] : 0.0f;
+    float fz = zp ? D[idx + n2d] - d0 : 0.0f, bz = zm ? d0 - D[idx - n2d] : 0.0f;
+    if (c == 0) {
+        t[0] = penalty_one(xp, xm, fx, bx, w->res2x, w->s);
+        t[1] = penalty_one(yp, ym, fy, by, w->res2y, w->s);
+        t[2] = penalty_one(zp, zm, fz, bz, w->res2z, w->s);
+    } else if (c == 1) {
+        t[0] = penalty_one(yp, ym, fy, by, w->res2y, w->s);
+        t[1] = penalty_one(xp, xm, fx, bx, w->res2x, w->s);
+        t[2] = penalty_one(zp, zm, fz, bz, w->res2z, w->s);
+    } else {
+        t[0] = penalty_one(zp, zm, fz, bz, w->res2z, w->s);
+        t[1] = penalty_one(xp, xm, xm ? bx : fx, bz, w->res2x, w->s);
+        float next = yp ? D[idx + nx] : xp ? D[idx + 1] : D[idx + n2d];
+        t[2] = penalty_one(yp, ym, fy, next - d0, w->res2y, w->s);
+    }
+}
+
+#ifdef __SSE2__
+/* local_map_terms of four voxels away from the grid's faces, into t[0..3], t[4..7], t[8..11]. */
+static inline void interior_map_terms_four(const deformation_walk *w, int c, int idx, const penalty_constants pc[3],
+                                           float *t)
+{
+    const __m128 all = _mm_castsi128_ps(_mm_set1_epi32(-1));
+    const int nx = w->nx, n2d = w->n2d;
+    const float *D = w->D[c] + idx;
+    __m128 d0 = _mm_loadu_ps(D);
+    __m128 fx = _mm_sub_ps(_mm_loadu_ps(D + 1), d0), bx = _mm_sub_ps(d0, _mm_loadu_ps(D - 1));
+    __m128 fy = _mm_sub_ps(_mm_loadu_ps(D + nx), d0), by = _mm_sub_ps(d0, _mm_loadu_ps(D - nx));
+    __m128 fz = _mm_sub_ps(_mm_loadu_ps(D + n2d), d0), bz = _mm_sub_ps(d0, _mm_loadu_ps(D - n2d));
+    if (c == 0) {
+        _mm_storeu_ps(t, penalty_four(fx, bx, all, all, pc[0]));
+        _mm_storeu_ps(t + 4, penalty_four(fy, by, all, all, pc[1]));
+        _mm_storeu_ps(t + 8, penalty_four(fz, bz, all, all, pc[2]));
+    } else if (c == 1) {
+        _mm_storeu_ps(t, penalty_four(fy, by, all, all, pc[1]));
+        _mm_storeu_ps(t + 4, penalty_four(fx, bx, all, all, pc[0]));
+        _mm_storeu_ps(t + 8, penalty_four(fz, bz, all, all, pc[2]));
+    } else {
+        _mm_storeu_ps(t, penalty_four(fz, bz, all, all, pc[2]));
+        _mm_storeu_ps(t + 4, penalty_four(bx, bz, all, all, pc[0]));
+        _mm_storeu_ps(t + 8, penalty_four(fy, fy, all, all, pc[1]));
+    }
+}
+#endif
+
+/* Fills m->terms with map c's three terms for each voxel of the box, in walk order. */
+static void compute_map_terms(map_terms *m, const deformation_walk *w, int c)
+{
+    IPOINT3D dim = m->dim, s = m->start, e = m->end;
+    int k = 0;
+#ifdef __SSE2__
+    int simd = simd_enabled();
+    penalty_constants pc[3] = {make_penalty_constants(w->res2x, w->s), make_penalty_constants(w->res2y, w->s),
+                               make_penalty_constants(w->res2z, w->s)};
+#endif
+    for (int z = s.z; z < e.z; z++)
+        for (int y = s.y; y < e.y; y++) {
+            int yp = y + 1 < dim.y, ym = y - 1 >= 0, zp = z + 1 < dim.z, zm = z - 1 >= 0;
+            int row = z * w->n2d + y * w->nx, x = s.x;
+#ifdef __SSE2__
+            int x_simd_end = e.x < dim.x - 1 ? e.x : dim.x - 1;
+            if (simd && yp && ym && zp && zm) {
+                for (; x < 1 && x < e.x; x++, k += 3)
+                    local_map_terms(w, c, row + x, x + 1 < dim.x, x - 1 >= 0, yp, ym, zp, zm, m->terms + k);
+                for (; x + 4 <= x_simd_end; x += 4, k += 12) {
+                    float t[12];
+                    interior_map_terms_four(w, c, row + x, pc, t);
+                    for (int i = 0; i < 4; i++) {
+                        m->terms[k + 3 * i] = t[i];
+                        m->terms[k + 3 * i + 1] = t[4 + i];
+                        m->terms[k + 3 * i + 2] = t[8 + i];
+                    }
+                }
+            }
+#endif
+            for (; x < e.x; x++, k += 3)
+                local_map_terms(w, c, row + x, x + 1 < dim.x, x - 1 >= 0, yp, ym, zp, zm, m->terms + k);
+        }
+}
+
+/* Brings map c's kept terms up to date for the box [s, e). */
+static const float *terms_of_map(map_terms *m, const deformation_walk *w, int c, IPOINT3D dim, IPOINT3D s, IPOINT3D e)
+{
+    if (map_terms_match(m, w, dim, s, e) && margin_values(m, w->D[c], 0)) return m->terms;
+    m->valid = 0;
+    m->dim = dim;
+    m->start = s;
+    m->end = e;
+    m->mstart = {s.x > 0 ? s.x - 1 : 0, s.y > 0 ? s.y - 1 : 0, s.z > 0 ? s.z - 1 : 0};
+    m->mend = {e.x < dim.x ? e.x + 1 : dim.x, e.y < dim.y ? e.y + 1 : dim.y, e.z < dim.z ? e.z + 1 : dim.z};
+    int nvalues = (m->mend.x - m->mstart.x) * (m->mend.y - m->mstart.y) * (m->mend.z - m->mstart.z);
+    int nterms = 3 * (e.x - s.x) * (e.y - s.y) * (e.z - s.z);
+    if (nvalues > m->nvalues) {
+        if (m->values != NULL) free_float_vector(m->values);
+        m->values = float_vector(nvalues);
+        m->nvalues = nvalues;
+    }
+    if (nterms > m->nterms) {
+        if (m->terms != NULL) free_float_vector(m->terms);
+        m->terms = float_vector(nterms);
+        m->nterms = nterms;
+    }
+    m->res2x = w->res2x;
+    m->res2y = w->res2y;
+    m->res2z = w->res2z;
+    m->s = w->s;
+    margin_values(m, w->D[c], 1);
+    compute_map_terms(m, w, c);
+    m->valid = 1;
+    return m->terms;
+}
+
+/* Whether every term of every voxel of the box reads only its own map around the voxel: a
+   carried value is read from an earlier voxel or map only on the z = 0 plane (the z map's
+   delta_minus along x) and at the grid's far corner (the last "next" value). */
+static int box_terms_are_local(IPOINT3D s, IPOINT3D e, IPOINT3D dim)
+{
+    return s.z >= 1 && !(e.x == dim.x && e.y == dim.y && e.z == dim.z);
+}
+
 /* Deliberate: the z map keeps two slips (backward x difference stored as delta_plus with a stale
    delta_minus; the y backward difference taken from the last "next" value loaded). The deltas and
    the last "next" value live across components and voxels, as the slips require. Pinned by
@@ -519,6 +718,27 @@ float cost_deformation(int InitProbeSet, int normalize)
     penalty_constants c[3] = {make_penalty_constants(w.res2x, w.s), make_penalty_constants(w.res2y, w.s),
                               make_penalty_constants(w.res2z, w.s)};
 #endif
+
+    if ((InitProbeSet == 1 || InitProbeSet == 2 || InitProbeSet == 3) && box_terms_are_local(s, e, dim)) {
+        /* The probes of one coefficient: each map's terms kept while its values stay. */
+        static map_terms kept[3];
+        const float *t[3] = {NULL, NULL, NULL};
+        for (int m = 0; m < 3; m++)
+            if (w.adjust[m]) t[m] = terms_of_map(&kept[m], &w, m, dim, s, e);
+        int n = (e.x - s.x) * (e.y - s.y) * (e.z - s.z);
+        for (int i = 0; i < n; i++) {
+            float fAdd = 0.0f;
+            for (int m = 0; m < 3; m++)
+                if (t[m] != NULL) {
+                    fAdd += t[m][3 * i];
+                    fAdd += t[m][3 * i + 1];
+                    fAdd += t[m][3 * i + 2];
+                }
+            if (into_totals) { DEF_sum2 += fAdd; DEF_nvoxels++; }
+            if (into_box) { box_sum += fAdd; box_n++; }
+        }
+        e.z = s.z;  /* nothing left to walk */
+    }
 
     for (int z = s.z; z < e.z; z++)
         for (int y = s.y; y < e.y; y++) {

@@ -3,20 +3,28 @@
 float cost_function_nonlinear(int icost, int InitProbeSet);
 float mutual_information(int number_voxels, float *prob_I, float *prob_T, float *prob_IT);
 
-/* The histograms and terms behind the last value of mutual_information_cached: the sum before
-   each row and the terms of each row. Zero-initialise before the first use. */
+/* The histograms and terms behind the last value of mutual_information_cached: for each row
+   (individual bin) a few versions of its counts with their terms, the one in use, and the sum
+   before each row. Zero-initialise before the first use. */
+#define MI_ROW_VERSIONS 3
+struct mi_row_version {
+    int valid, nterms;
+    float prob_I, prob_IT[50];
+    double term[50];
+};
 struct mi_row_cache {
     int valid, number_voxels;
-    float prob_T[50], prob_I[50], prob_IT[50][50];
-    int nterms[50];
-    double term[50][50];
+    float prob_T[50];
+    mi_row_version row[50][MI_ROW_VERSIONS];
+    int current[50], next_version[50];
     float before_row[51];
 };
 /* mutual_information(number_voxels, prob_I, prob_T, prob_IT), bit for bit, recomputing only the
-   rows (individual bins) whose counts differ from the cached call and summing from the first of
-   them: the logarithms of unchanged rows and the sum before the first changed row are reused. */
+   terms of rows whose counts are new and summing from the first row that differs from the last
+   call: the logarithms of rows seen before and the sum before the first changed row are reused.
+   maybe_changed (50 flags) names the only rows that can differ from the last call; NULL: any. */
 float mutual_information_cached(mi_row_cache *cache, int number_voxels, const float *prob_I, const float *prob_T,
-                                const float *prob_IT);
+                                const float *prob_IT, const unsigned char *maybe_changed);
 void calculate_volume_averages_nonlinear(int all_bases, float *av_individual, float *av_template,
                                          float *min, float *max);
 float cost_deformation(int InitProbeSet, int normalize);
