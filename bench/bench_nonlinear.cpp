@@ -132,7 +132,7 @@ __attribute__((noinline)) float coefficient_trial(int n, float value)
     return cost_function_nonlinear(0, 2);
 }
 
-// One coefficient trial on the finest grid: the map update with its box resampling
+// One coefficient trial on a level's grid: the map update with its box resampling
 // (Set_AlignNL_Value) and the probe cost of the box (code 2), for the x coefficients of every
 // basis whose box holds brain, in turn. Each basis is taken out of the totals (code 1) and put
 // back unchanged (code 3) outside the timing.
@@ -142,7 +142,7 @@ void BM_NonlinearTrial(benchmark::State &state)
         state.SkipWithError("brain volumes not available");
         return;
     }
-    set_level(1);
+    set_level((int)state.range(0));
     std::vector<int> bases;
     for (int n = 0; n < AlignNL.NBasis; n++) {
         IPOINT3D s = AlignNL.Index3DStart[n], e = AlignNL.Index3DEnd[n];
@@ -158,7 +158,7 @@ void BM_NonlinearTrial(benchmark::State &state)
     long long voxels = 0;
     for (auto _ : state) {
         state.PauseTiming();
-        int n = bases[k++ % bases.size()];
+        int n = bases[(k++ * 7919) % bases.size()];  // spread over the grid
         AlignNL.iBasis = AlignNL.iCoeff = n;
         float v = AlignNL.value[n], h = AlignNL.increment[n];
         cost_function_nonlinear(0, 1);
@@ -174,7 +174,7 @@ void BM_NonlinearTrial(benchmark::State &state)
     state.counters["box_voxels/s"] = benchmark::Counter((double)voxels, benchmark::Counter::kIsRate);
     state.SetLabel(label());
 }
-BENCHMARK(BM_NonlinearTrial)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_NonlinearTrial)->Arg(1)->Arg(2)->Arg(3)->ArgName("level")->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 // One whole pass (adjust_nonlinear_1pass, with the code-0 cost that precedes it) over every
 // coefficient of a level's grid, starting from zero maps each time.

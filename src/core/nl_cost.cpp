@@ -532,26 +532,35 @@ static int map_terms_match(const map_terms *m, const deformation_walk *w, IPOINT
            memcmp(&m->res2z, &w->res2z, sizeof(float)) == 0 && memcmp(&m->s, &w->s, sizeof(float)) == 0;
 }
 
-/* Copies (copy nonzero) or compares the map's values over the grown box; returns 1 when equal. */
+/* Copies (copy nonzero) or compares, bit for bit, the map's values over the grown box; returns 1
+   when equal. */
 static int margin_values(map_terms *m, const float *D, int copy)
 {
-    int nx = m->dim.x, n2d = m->dim.x * m->dim.y, k = 0;
-    size_t len = sizeof(float) * (size_t)(m->mend.x - m->mstart.x);
+    int nx = m->dim.x, n2d = m->dim.x * m->dim.y, len = m->mend.x - m->mstart.x;
+    unsigned *kept = (unsigned *)m->values;
     for (int z = m->mstart.z; z < m->mend.z; z++)
         for (int y = m->mstart.y; y < m->mend.y; y++) {
             const float *row = D + z * n2d + y * nx + m->mstart.x;
-            if (copy)
-                memcpy(m->values + k, row, len);
-            else if (memcmp(m->values + k, row, len) != 0)
-                return 0;
-            k += m->mend.x - m->mstart.x;
+            if (copy) {
+                memcpy(kept, row, sizeof(float) * (size_t)len);
+            } else {
+                unsigned differ = 0;
+                for (int i = 0; i < len; i++) {
+                    unsigned u;
+                    memcpy(&u, row + i, sizeof u);
+                    differ |= u ^ kept[i];
+                }
+                if (differ != 0) return 0;
+            }
+            kept += len;
         }
     return 1;
 }
 
-/* The terms of map c at one voxel where none of them reads a carried value (see box_terms_are_local). */
+/* The terms of map c at one voxel where none of them reads a carried value (see
+   box_terms_are_local), into t[0], t[stride], t[2 * stride]. */
 static inline void local_map_terms(const deformation_walk *w, int c, int idx, int xp, int xm, int yp, int ym, int zp,
-                                   int zm, float *t)
+                                   int zm, float *t, int stride)
 {
     const float *D = w->D[c];
     const int nx = w->nx, n2d = w->n2d;
@@ -561,24 +570,24 @@ static inline void local_map_terms(const deformation_walk *w, int c, int idx, in
     float fz = zp ? D[idx + n2d] - d0 : 0.0f, bz = zm ? d0 - D[idx - n2d] : 0.0f;
     if (c == 0) {
         t[0] = penalty_one(xp, xm, fx, bx, w->res2x, w->s);
-        t[1] = penalty_one(yp, ym, fy, by, w->res2y, w->s);
-        t[2] = penalty_one(zp, zm, fz, bz, w->res2z, w->s);
+        t[stride] = penalty_one(yp, ym, fy, by, w->res2y, w->s);
+        t[2 * stride] = penalty_one(zp, zm, fz, bz, w->res2z, w->s);
     } else if (c == 1) {
         t[0] = penalty_one(yp, ym, fy, by, w->res2y, w->s);
-        t[1] = penalty_one(xp, xm, fx, bx, w->res2x, w->s);
-        t[2] = penalty_one(zp, zm, fz, bz, w->res2z, w->s);
+        t[stride] = penalty_one(xp, xm, fx, bx, w->res2x, w->s);
+        t[2 * stride] = penalty_one(zp, zm, fz, bz, w->res2z, w->s);
     } else {
         t[0] = penalty_one(zp, zm, fz, bz, w->res2z, w->s);
-        t[1] = penalty_one(xp, xm, xm ? bx : fx, bz, w->res2x, w->s);
+        t[stride] = penalty_one(xp, xm, xm ? bx : fx, bz, w->res2x, w->s);
         float next = yp ? D[idx + nx] : xp ? D[idx + 1] : D[idx + n2d];
-        t[2] = penalty_one(yp, ym, fy, next - d0, w->res2y, w->s);
+        t[2 * stride] = penalty_one(yp, ym, fy, next - d0, w->res2y, w->s);
     }
 }
 
 #ifdef __SSE2__
-/* local_map_terms of four voxels away from the grid's faces, into t[0..3], t[4..7], t[8..11]. */
+/* local_map_terms of four voxels away from the grid's faces, into t[0..3], t[stride..], t[2 stride..]. */
 static inline void interior_map_terms_four(const deformation_walk *w, int c, int idx, const penalty_constants pc[3],
-                                           float *t)
+                                           float *t, int stride)
 {
     const __m128 all = _mm_castsi128_ps(_mm_set1_epi32(-1));
     const int nx = w->nx, n2d = w->n2d;
@@ -589,25 +598,27 @@ static inline void interior_map_terms_four(const deformation_walk *w, int c, int
     __m128 fz = _mm_sub_ps(_mm_loadu_ps(D + n2d), d0), bz = _mm_sub_ps(d0, _mm_loadu_ps(D - n2d));
     if (c == 0) {
         _mm_storeu_ps(t, penalty_four(fx, bx, all, all, pc[0]));
-        _mm_storeu_ps(t + 4, penalty_four(fy, by, all, all, pc[1]));
-        _mm_storeu_ps(t + 8, penalty_four(fz, bz, all, all, pc[2]));
+        _mm_storeu_ps(t + stride, penalty_four(fy, by, all, all, pc[1]));
+        _mm_storeu_ps(t + 2 * stride, penalty_four(fz, bz, all, all, pc[2]));
     } else if (c == 1) {
         _mm_storeu_ps(t, penalty_four(fy, by, all, all, pc[1]));
-        _mm_storeu_ps(t + 4, penalty_four(fx, bx, all, all, pc[0]));
-        _mm_storeu_ps(t + 8, penalty_four(fz, bz, all, all, pc[2]));
+        _mm_storeu_ps(t + stride, penalty_four(fx, bx, all, all, pc[0]));
+        _mm_storeu_ps(t + 2 * stride, penalty_four(fz, bz, all, all, pc[2]));
     } else {
         _mm_storeu_ps(t, penalty_four(fz, bz, all, all, pc[2]));
-        _mm_storeu_ps(t + 4, penalty_four(bx, bz, all, all, pc[0]));
-        _mm_storeu_ps(t + 8, penalty_four(fy, fy, all, all, pc[1]));
+        _mm_storeu_ps(t + stride, penalty_four(bx, bz, all, all, pc[0]));
+        _mm_storeu_ps(t + 2 * stride, penalty_four(fy, fy, all, all, pc[1]));
     }
 }
 #endif
 
-/* Fills m->terms with map c's three terms for each voxel of the box, in walk order. */
+/* Fills m->terms with map c's three terms for each voxel of the box: term j of the i-th voxel in
+   walk order at j * n + i, n the box's voxel count. */
 static void compute_map_terms(map_terms *m, const deformation_walk *w, int c)
 {
     IPOINT3D dim = m->dim, s = m->start, e = m->end;
-    int k = 0;
+    int n = (e.x - s.x) * (e.y - s.y) * (e.z - s.z), i = 0;
+    float *t = m->terms;
 #ifdef __SSE2__
     int simd = simd_enabled();
     penalty_constants pc[3] = {make_penalty_constants(w->res2x, w->s), make_penalty_constants(w->res2y, w->s),
@@ -620,21 +631,13 @@ static void compute_map_terms(map_terms *m, const deformation_walk *w, int c)
 #ifdef __SSE2__
             int x_simd_end = e.x < dim.x - 1 ? e.x : dim.x - 1;
             if (simd && yp && ym && zp && zm) {
-                for (; x < 1 && x < e.x; x++, k += 3)
-                    local_map_terms(w, c, row + x, x + 1 < dim.x, x - 1 >= 0, yp, ym, zp, zm, m->terms + k);
-                for (; x + 4 <= x_simd_end; x += 4, k += 12) {
-                    float t[12];
-                    interior_map_terms_four(w, c, row + x, pc, t);
-                    for (int i = 0; i < 4; i++) {
-                        m->terms[k + 3 * i] = t[i];
-                        m->terms[k + 3 * i + 1] = t[4 + i];
-                        m->terms[k + 3 * i + 2] = t[8 + i];
-                    }
-                }
+                for (; x < 1 && x < e.x; x++, i++)
+                    local_map_terms(w, c, row + x, x + 1 < dim.x, x - 1 >= 0, yp, ym, zp, zm, t + i, n);
+                for (; x + 4 <= x_simd_end; x += 4, i += 4) interior_map_terms_four(w, c, row + x, pc, t + i, n);
             }
 #endif
-            for (; x < e.x; x++, k += 3)
-                local_map_terms(w, c, row + x, x + 1 < dim.x, x - 1 >= 0, yp, ym, zp, zm, m->terms + k);
+            for (; x < e.x; x++, i++)
+                local_map_terms(w, c, row + x, x + 1 < dim.x, x - 1 >= 0, yp, ym, zp, zm, t + i, n);
         }
 }
 
@@ -725,17 +728,32 @@ float cost_deformation(int InitProbeSet, int normalize)
         const float *t[3] = {NULL, NULL, NULL};
         for (int m = 0; m < 3; m++)
             if (w.adjust[m]) t[m] = terms_of_map(&kept[m], &w, m, dim, s, e);
-        int n = (e.x - s.x) * (e.y - s.y) * (e.z - s.z);
-        for (int i = 0; i < n; i++) {
-            float fAdd = 0.0f;
-            for (int m = 0; m < 3; m++)
-                if (t[m] != NULL) {
-                    fAdd += t[m][3 * i];
-                    fAdd += t[m][3 * i + 1];
-                    fAdd += t[m][3 * i + 2];
+        int n = (e.x - s.x) * (e.y - s.y) * (e.z - s.z), i = 0;
+        const float *terms[9];
+        int nterms = 0;
+        for (int m = 0; m < 3; m++)
+            if (t[m] != NULL)
+                for (int j = 0; j < 3; j++) terms[nterms++] = t[m] + j * n;
+        float f4[4];
+        while (i < n) {
+            int k = n - i < 4 ? n - i : 4;
+#ifdef __SSE2__
+            if (k == 4 && simd) {
+                __m128 sum = _mm_setzero_ps();
+                for (int j = 0; j < nterms; j++) sum = _mm_add_ps(sum, _mm_loadu_ps(terms[j] + i));
+                _mm_storeu_ps(f4, sum);
+            } else
+#endif
+                for (int l = 0; l < k; l++) {
+                    float fAdd = 0.0f;
+                    for (int j = 0; j < nterms; j++) fAdd += terms[j][i + l];
+                    f4[l] = fAdd;
                 }
-            if (into_totals) { DEF_sum2 += fAdd; DEF_nvoxels++; }
-            if (into_box) { box_sum += fAdd; box_n++; }
+            for (int l = 0; l < k; l++) {
+                if (into_totals) { DEF_sum2 += f4[l]; DEF_nvoxels++; }
+                if (into_box) { box_sum += f4[l]; box_n++; }
+            }
+            i += k;
         }
         e.z = s.z;  /* nothing left to walk */
     }
