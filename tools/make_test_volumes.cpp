@@ -5,15 +5,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <unistd.h>
 #include <vector>
 
 #include <nifti1.h>
-#include <zlib.h>
 
 #include "align_model.h"
 #include "globals.h"
+#include "numerics.h"
+#include "persist.h"
 #include "volume.h"
 #include "volume_load.h"
 
@@ -34,50 +33,22 @@ static void usage(void)
            "      doubles the voxel size; n voxels become n/2 with the same centred frame.\n"
            "  make_test_volumes shifted-phantom <shift_mm> <ind.nii> <tpl.nii>\n"
            "      a 48^3 phantom of 2 mm voxels (tpl.nii) and the same moved by shift_mm along x\n"
-           "      (ind.nii); prints the parameters that undo the shift: \"translation <x> 0 0\".\n");
+           "      (ind.nii); prints the parameters that undo the shift: \"translation <x> 0 0\".\n"
+           "  make_test_volumes align-com <template.nii[.gz]> <warp_mm> tx ty tz phi_xy phi_xz phi_yz sx sy sz [kxy kxz kyz]\n"
+           "      writes align.com in the current directory as align saves it, for the template's grid\n"
+           "      and these parameters. With warp_mm > 0 it also writes distortions.nii (named by\n"
+           "      align.com): the smooth displacement d_x = w sin(pi u_y) sin(pi u_z), d_y = w sin(pi u_z)\n"
+           "      sin(pi u_x), d_z = w sin(pi u_x) sin(pi u_y) in mm, u = voxel index / (size - 1).\n");
 }
 
-/* A ".gz" name is unpacked into a temporary ".nii" first; returns the name to read. */
-static std::string unpacked_name(const char *name, std::string *temporary)
-{
-    size_t n = strlen(name);
-    if (n < 3 || strcmp(name + n - 3, ".gz") != 0) return name;
-    char tmpl[] = "/tmp/make_test_volumes-XXXXXX";
-    int fd = mkstemp(tmpl);
-    if (fd < 0) return "";
-    close(fd);
-    unlink(tmpl);
-    std::string out = std::string(tmpl) + ".nii";
-    gzFile in = gzopen(name, "rb");
-    FILE *fp = fopen(out.c_str(), "wb");
-    if (in == NULL || fp == NULL) {
-        if (in) gzclose(in);
-        if (fp) fclose(fp);
-        return "";
-    }
-    char buffer[65536];
-    int got;
-    while ((got = gzread(in, buffer, sizeof buffer)) > 0) fwrite(buffer, 1, (size_t)got, fp);
-    gzclose(in);
-    fclose(fp);
-    *temporary = out;
-    return out;
-}
-
+/* Reads a volume (".nii.gz" included) with the program's own reader. */
 static int read_volume(const char *name, data_stack *stack)
 {
-    std::string temporary, path = unpacked_name(name, &temporary);
-    if (path.empty()) {
-        printf("Error: cannot unpack %s\n", name);
-        return 1;
-    }
     file_list list;
     memset(&list, 0, sizeof list);
-    add_image_file(&list, path.c_str(), 0, 0);
+    add_image_file(&list, name, 0, 0);
     int nfiles = 0;
-    int status = read_SpaceTime_data(0, stack, &list, &nfiles);
-    if (!temporary.empty()) unlink(temporary.c_str());
-    return status;
+    return read_SpaceTime_data(0, stack, &list, &nfiles);
 }
 
 static int write_float_nifti(const char *name, IPOINT3D dim, POINT3D res, const float *data)
@@ -440,6 +411,57 @@ static int command_halve(int argc, char **argv)
     return write_float_nifti(argv[3], n, r, out.data());
 }
 
+static int command_align_com(int argc, char **argv)
+{
+    float p[12];
+    char *end;
+    if (argc < 5 || read_parameters(argc, argv, 4, p)) {
+        usage();
+        return 1;
+    }
+    double warp = strtod(argv[3], &end);
+    if (*end != '\0' || !(warp >= 0.0)) {
+        usage();
+        return 1;
+    }
+    data_stack tpl;
+    memset(&tpl, 0, sizeof tpl);
+    if (read_volume(argv[2], &tpl)) return 1;
+    Alignment.dimension = tpl.dim;
+    Alignment.resolution = tpl.resolution;
+    Alignment.origin = tpl.origin;
+    Alignment.direction = tpl.direction;
+    Alignment.registration = 0;
+    Alignment.RigidBody = 1;
+    Alignment.OrientRotation = {0, 0, 0};
+    Alignment.OrientSwapZ = 0;
+    Alignment.WrapAround = {0, 0, 0};
+    for (int j = 0; j < 12; j++) Alignment.value[j] = p[j];
+    if (warp > 0.0) {
+        /* the saver writes the maps with the geometry of template_ */
+        template_ = tpl;
+        data_stack *maps[3] = {&distort_x, &distort_y, &distort_z};
+        for (data_stack *m : maps) {
+            *m = tpl;
+            m->nt = 1;
+            m->SpaceTime.fData = float_vector(tpl.n3d);
+        }
+        const double pi = 3.141592653589793;
+        for (int z = 0; z < tpl.dim.z; z++)
+            for (int y = 0; y < tpl.dim.y; y++)
+                for (int x = 0; x < tpl.dim.x; x++) {
+                    double ux = sin(pi * x / (tpl.dim.x > 1 ? tpl.dim.x - 1 : 1));
+                    double uy = sin(pi * y / (tpl.dim.y > 1 ? tpl.dim.y - 1 : 1));
+                    double uz = sin(pi * z / (tpl.dim.z > 1 ? tpl.dim.z - 1 : 1));
+                    size_t i = (size_t)x + (size_t)tpl.dim.x * (y + (size_t)tpl.dim.y * z);
+                    distort_x.SpaceTime.fData[i] = (float)(warp * uy * uz);
+                    distort_y.SpaceTime.fData[i] = (float)(warp * uz * ux);
+                    distort_z.SpaceTime.fData[i] = (float)(warp * ux * uy);
+                }
+    }
+    return save_alignment_parameters();
+}
+
 int main(int argc, char **argv)
 {
     if (argc < 2) {
@@ -450,6 +472,7 @@ int main(int argc, char **argv)
     if (strcmp(argv[1], "mapping-error") == 0) return command_mapping_error(argc, argv);
     if (strcmp(argv[1], "shifted-phantom") == 0) return command_shifted_phantom(argc, argv);
     if (strcmp(argv[1], "halve") == 0) return command_halve(argc, argv);
+    if (strcmp(argv[1], "align-com") == 0) return command_align_com(argc, argv);
     usage();
     return 1;
 }

@@ -19,23 +19,6 @@ const double *exp2_sixteenths(void)
     return t.v;
 }
 
-double exp_table_poly(double x)
-{
-    const double *tab = exp2_sixteenths();
-    double kf = nearbyint(x * exp_k_per_unit);
-    double r = (x - kf * exp_ln2_16_hi) - kf * exp_ln2_16_lo;
-    double p = exp_c6;
-    p = p * r + exp_c5;
-    p = p * r + exp_c4;
-    p = p * r + exp_c3;
-    p = p * r + exp_c2;
-    p = p * r + 1.0;
-    p = p * r + 1.0;
-    long k = (long)kf;
-    double e = tab[k & 15] * p;
-    return ldexp(e, (int)(k >> 4));
-}
-
 void gauss_weights_batch(const float *d, int n, float sigma, float *out, int *nfallback)
 {
     *nfallback = 0;

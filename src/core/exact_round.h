@@ -1,25 +1,14 @@
 #pragma once
-#include <cfloat>
-#include <cmath>
-#include <cstdint>
-#include <cstring>
-
 /* Float results decided from faster double arithmetic. The program's resampling rounds double
    sums and libm exponentials to float; a vector loop may sum in another order or use its own
    exponential only when the float it yields provably equals the one of the plain arithmetic:
    its double result must lie far enough from a float rounding boundary that every admissible
    error keeps it on the same side. Otherwise the caller falls back to the plain arithmetic.
    No globals, no X11. */
-
-/* Sums of nterms float terms accumulated in double (values S with absolute sum A, weights W
-   with absolute sum B), in any order. Returns 1 and *out = (float)(S_plain / W_plain) when every
-   summation order of the same terms, the plain sequential one included, rounds the quotient to
-   the same float; else 0 (also for NaN and infinite inputs). nterms may be an upper bound. */
-static inline int float_quotient_settled(double S, double A, double W, double B, int nterms, float *out);
-
-/* exp(x) in double by a 16-entry table of 2^(j/16) and a degree-6 polynomial, relative error
-   below 2^-49 for x in [-87.3, 0] (the scalar model of the vector exponential). */
-double exp_table_poly(double x);
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
 
 /* The 16 doubles 2^(j/16), j = 0..15, rounded to nearest. */
 const double *exp2_sixteenths(void);
@@ -29,7 +18,11 @@ const double *exp2_sixteenths(void);
    far from a float rounding boundary, libm otherwise. *nfallback counts libm calls. */
 void gauss_weights_batch(const float *d, int n, float sigma, float *out, int *nfallback);
 
-/* Error bound of recursive summation in double (Higham, Accuracy and Stability of Numerical
+/* Sums of nterms float terms accumulated in double (values S with absolute sum A, weights W
+   with absolute sum B), in any order. Returns 1 and *out = (float)(S_plain / W_plain) when every
+   summation order of the same terms, the plain sequential one included, rounds the quotient to
+   the same float; else 0 (also for NaN and infinite inputs). nterms may be an upper bound.
+   Error bound of recursive summation in double (Higham, Accuracy and Stability of Numerical
    Algorithms, 4.2): any order of n terms lies within gamma_{n-1} * sum|t| of the exact sum,
    gamma_k = k u / (1 - k u) < 1.01 k u, u = 2^-53. Two orders therefore differ by less than
    eS = 2.02 n u A for the values and eW = 2.02 n u B for the weights; 4 n u is used, a factor

@@ -99,6 +99,10 @@ void action_change_resolution(void)
     IPOINT3D full = template_unfiltered.dim;
     POINT3D res = template_unfiltered.resolution;
     Alignment.dimension = {full.x / want.x, full.y / want.y, full.z / want.z};
+    /* A step above the template's size along an axis leaves it one voxel, not none. */
+    if (Alignment.dimension.x < 1) Alignment.dimension.x = 1;
+    if (Alignment.dimension.y < 1) Alignment.dimension.y = 1;
+    if (Alignment.dimension.z < 1) Alignment.dimension.z = 1;
     Alignment.resolution.x = res.x * ((float)full.x / (float)Alignment.dimension.x);
     Alignment.resolution.y = res.y * ((float)full.y / (float)Alignment.dimension.y);
     Alignment.resolution.z = res.z * ((float)full.z / (float)Alignment.dimension.z);
@@ -153,7 +157,8 @@ void downsample_stack(data_stack *stack, IPOINT3D new_dim)
     if (w.x < 1) w.x = 1;
     if (w.y < 1) w.y = 1;
     if (w.z < 1) w.z = 1;
-    POINT3D sigma = {0.425f * s.x, 0.425f * s.y, 0.425f * s.z};
+    /* FWHM = s: sigma = 0.425 s in double, rounded once, as the resampling computes it */
+    POINT3D sigma = {(float)(0.425 * (double)s.x), (float)(0.425 * (double)s.y), (float)(0.425 * (double)s.z)};
 
     int complex_data = stack->data_type != 0;
     int per_voxel = complex_data ? 2 : 1;

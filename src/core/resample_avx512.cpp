@@ -55,8 +55,7 @@ AVX512_TARGET inline __mmask8 exp_decided(__m512d x, __m512d e)
 /* exp(x) of 8 doubles, x in [-87, 0]: x = k ln2/16 + r, |r| <= ln2/32, e = 2^(k/16) e^r with a
    table of 2^(j/16) (two registers, one permute) and the degree-6 Taylor polynomial. k ln2/16
    is exact in two parts (k has at most 11 bits, the high part 42), and x minus the high part
-   is exact (Sterbenz), so the fused steps round once each. The scalar model is
-   exp_table_poly. */
+   is exact (Sterbenz), so the fused steps round once each. */
 AVX512_TARGET inline __m512d exp8(__m512d x, __m512d tab0, __m512d tab1)
 {
     __m512d kf = _mm512_roundscale_pd(_mm512_mul_pd(x, _mm512_set1_pd(exp_k_per_unit)),

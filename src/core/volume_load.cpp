@@ -1,7 +1,7 @@
 /* Loading a role's list of data files into one data_stack: every header first, the checks of
    the files against the run's first file, one allocation, then the voxel values of each file
-   converted to float. Reads and writes the stack given; recognises activation_stack by
-   identity. No X11. */
+   converted to float, each file's data checked in its turn. Reads and writes the stack given;
+   recognises activation_stack by identity. No X11. */
 #include "volume_load.h"
 
 #include <cmath>
@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
+#include <znzlib.h>
 
 #include "globals.h"
 #include "header_quill.h"
@@ -70,52 +71,153 @@ static int file_size(const char *name, long long *size)
     return 1;
 }
 
-/* Before the array is allocated, makes sure that each data file holds the values its header
-   promises, so that an absurd header costs no memory. A file short of data fails with the
-   message its read would give; the check stops at the first file that cannot be looked at,
-   which the read then reports. Returns 1 on failure. */
-static int check_data_sizes(data_stack *stack1, file_list *file_info)
+/* For a gzipped file the size on disk says nothing about the data: 1 when it unpacks to at
+   least `need' bytes (zlib skips forward by unpacking into its own buffer, so nothing of the
+   data's size is allocated), 0 when it is shorter or cannot be read. */
+static int unpacks_to_at_least(const char *name, double need)
 {
-    for (file_list *node = file_info; node != NULL; node = node->next) {
-        const QL_HEADER *h = &node->header;
-        long long size;
-        if (h->file_type == FILE_FREESURFER) {
-            int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
-            long long need = (long long)node->nt * h->n2d * bytes;
-            for (int z = 0; z < h->dim.z; z++) {
-                char slice[1024];
-                slice_file_name(slice, node->file_name, z, h->storage_type);
-                if (!file_size(slice, &size)) return 0;
-                if (size < need) {
-                    /* Deliberate: float slices get the same "short data" text.
-                       Pinned by ReadFreesurferFile.SlicesFillTheirPlanesOfEveryVolume. */
-                    printf("Error reading the short data from file %s\n", node->file_name);
-                    return 1;
-                }
-            }
-            continue;
-        }
-        int bytes = storage_bytes(h->storage_type);
-        if (bytes == 0) continue;
-        if (!file_size(node->file_name, &size)) return 0;
-        double offset = (double)h->voxel_offset;
-        if (offset < 0.0) return 0; /* the seek itself reports it */
-        double need = floor(offset) + (double)node->nt * (double)stack1->npts_volume * bytes;
-        if (!((double)size >= need)) { /* a NaN offset fails too */
-            printf("Error reading the data from file %s\n", node->file_name);
-            return 1;
-        }
-    }
-    return 0;
+    if (need <= 0.0) return 1;
+    znzFile fp = znzopen(name, "rb", 1);
+    if (znz_isnull(fp)) return 0;
+    unsigned char last;
+    int ok = znzseek(fp, (znz_off_t)(need - 1.0), SEEK_SET) >= 0 && znzread(&last, 1, 1, fp) == 1;
+    znzclose(fp);
+    return ok;
 }
+
+/* Ends the program as a failing seek does: the offset cannot be reached in that file. */
+static void seek_failed(long offset, const char *name)
+{
+    fflush(stdout);
+    fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, name);
+    exit(1);
+}
+
+/* A whole byte count for fseek: the float truncated; a value no long can hold gives -1,
+   which the seek refuses. */
+static long seek_offset(float voxel_offset)
+{
+    if (!(voxel_offset > -9.0e18f && voxel_offset < 9.0e18f)) return -1;
+    return (long)voxel_offset;
+}
+
+/* The message a read gives when a data file ends before the values its header promises. */
+static void report_short_data(const file_list *node)
+{
+    if (node->header.file_type == FILE_FREESURFER)
+        /* Deliberate: float slices get the same "short data" text.
+           Pinned by ReadFreesurferFile.SlicesFillTheirPlanesOfEveryVolume. */
+        printf("Error reading the short data from file %s\n", node->file_name);
+    else
+        printf("Error reading the data from file %s\n", node->file_name);
+}
+
+/* 1 when a data file of the list holds fewer bytes than its header promises for its volumes
+   of the stack (every slice file, in order, for a FreeSurfer stack). 0 when it holds them, or
+   when a file cannot be looked at or has no storage to read: the read then reports that in
+   its turn. A voxel offset that is not a number counts as short. Prints nothing. */
+static int data_file_is_short(const data_stack *stack1, const file_list *node)
+{
+    const QL_HEADER *h = &node->header;
+    long long size;
+    if (h->file_type == FILE_FREESURFER) {
+        int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
+        long long need = (long long)node->nt * h->n2d * bytes;
+        for (int z = 0; z < h->dim.z; z++) {
+            char slice[1024];
+            slice_file_name(slice, node->file_name, z, h->storage_type);
+            if (!file_size(slice, &size)) return 0;
+            if (size < need) return 1;
+        }
+        return 0;
+    }
+    int bytes = storage_bytes(h->storage_type);
+    if (bytes == 0 || !file_size(node->file_name, &size)) return 0;
+    double offset = (double)h->voxel_offset;
+    if (offset < 0.0) return 0; /* the seek reports it */
+    double need = floor(offset) + (double)node->nt * (double)stack1->npts_volume * bytes;
+    if (is_gzipped_nifti_name(node->file_name)) return !(need == need && unpacks_to_at_least(node->file_name, need));
+    return !((double)size >= need);
+}
+
+/* 1 when nothing vouches for the values a file's header promises: its data file (a slice
+   file, for a FreeSurfer stack) is short, missing or not a regular file, or its offset is
+   negative. The load stops at the first such file, in its turn, and the array is sized for
+   the files before it, so that a header without its data costs no memory. Prints nothing. */
+static int data_file_is_unusable(const data_stack *stack1, const file_list *node)
+{
+    const QL_HEADER *h = &node->header;
+    long long size;
+    if (data_file_is_short(stack1, node)) return 1;
+    if (h->file_type == FILE_FREESURFER) {
+        for (int z = 0; z < h->dim.z; z++) {
+            char slice[1024];
+            slice_file_name(slice, node->file_name, z, h->storage_type);
+            if (!file_size(slice, &size)) return 1;
+        }
+        return 0;
+    }
+    return !file_size(node->file_name, &size) || h->voxel_offset < 0.0f;
+}
+
+/* The refusal of an unusable file in its turn, in the words of its read: "cannot open" for a
+   missing data file (a missing slice names the stack; slices are looked at in order), the
+   seek's fatal message for a negative offset, the short-data message otherwise; a data file
+   that is there but no regular file has a message of its own. Never reads into the array,
+   which has no room for the file. */
+static void report_unusable(const file_list *node)
+{
+    const QL_HEADER *h = &node->header;
+    struct stat st;
+    if (h->file_type == FILE_FREESURFER) {
+        int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
+        long long need = (long long)node->nt * h->n2d * bytes;
+        for (int z = 0; z < h->dim.z; z++) {
+            char slice[1024];
+            slice_file_name(slice, node->file_name, z, h->storage_type);
+            if (stat(slice, &st) != 0) {
+                printf("\nError: cannot open file %s\n", node->file_name);
+                return;
+            }
+            if (!S_ISREG(st.st_mode) || (long long)st.st_size < need) break;
+        }
+        report_short_data(node);
+        return;
+    }
+    if (stat(node->file_name, &st) != 0) {
+        printf("\nError: cannot open file %s.\n", node->file_name);
+        return;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        printf("\nError: %s is not a regular file.\n", node->file_name);
+        return;
+    }
+    if (h->voxel_offset < 0.0f) seek_failed(seek_offset(h->voxel_offset), node->file_name);
+    report_short_data(node);
+}
+
+/* One past the last element of the stack's array that a file's read writes: its volumes, and
+   for a FreeSurfer stack the planes of its last volume, which may reach past the stack's
+   volume size. */
+static long long end_of_file_values(const data_stack *stack1, const file_list *node)
+{
+    long long npts = stack1->npts_volume, start = (long long)node->start_image * npts;
+    if (node->header.file_type != FILE_FREESURFER || node->nt <= 0) return start + node->nt * npts;
+    long long planes = start + (node->nt - 1) * npts + (long long)node->header.dim.z * node->header.n2d;
+    return planes > start + node->nt * npts ? planes : start + node->nt * npts;
+}
+
+/* The run's reference: the very first file ever read, of whatever role. align never resets
+   it; forget_SpaceTime_reference does, for programs that load independent runs. */
+static int have_reference = 0;
+static IPOINT3D reference_dim;
+static POINT3D reference_resolution;
+static int reference_data_type;
+
+void forget_SpaceTime_reference(void) { have_reference = 0; }
 
 int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *file_info, int *nfiles)
 {
-    /* The run's reference: the very first file ever read, of whatever role; never reset. */
-    static int have_reference = 0;
-    static IPOINT3D reference_dim;
-    static POINT3D reference_resolution;
-    static int reference_data_type;
 
     *nfiles = 0;
     if (file_info == NULL || file_info->file_name[0] == '\0') return 0;
@@ -123,6 +225,13 @@ int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *fi
     for (file_list *node = file_info; node != NULL; node = node->next) {
         QL_HEADER header;
         if (read_volume_header(node->file_name, &header)) return 1;
+        if (header.file_type != FILE_FREESURFER && storage_bytes(header.storage_type) == 0) {
+            /* its values would never be read: refused before anything is allocated */
+            printf("Error: no storage type is given for %s; its header needs a storage-type line\n",
+                   node->file_name);
+            printf("(short, float, long, unsigned-short or unsigned-char).\n");
+            return 1;
+        }
 
         if (!have_reference) {
             have_reference = 1;
@@ -194,10 +303,32 @@ int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *fi
                stack1->npts_volume);
         return 1;
     }
-    if (check_data_sizes(stack1, file_info)) return 1;
-    if (total != 0) stack1->SpaceTime.fData = float_vector((int)total);
+    /* Each file's data are checked in its turn, when it is read. A file whose data cannot
+       give what its header promises (short, missing, a negative offset) ends the load there,
+       so the array needs room only for the files before it: an absurd header costs no memory. */
+    file_list *stop_node = NULL;
+    long long room = total;
+    for (file_list *node = file_info; node != NULL; node = node->next)
+        if (data_file_is_unusable(stack1, node)) {
+            stop_node = node;
+            break;
+        }
+    if (stop_node != NULL) {
+        room = 0;
+        for (file_list *node = file_info; node != stop_node; node = node->next) {
+            long long end = end_of_file_values(stack1, node);
+            if (end > room) room = end;
+        }
+        if (room > total) room = total;
+    }
+    if (room != 0) stack1->SpaceTime.fData = float_vector((int)room);
 
     for (file_list *node = file_info; node != NULL; node = node->next) {
+        /* The array has no room for the stopping file: it is refused here, as its read would. */
+        if (node == stop_node) {
+            report_unusable(node);
+            return 1;
+        }
         int failed = node->header.file_type == FILE_FREESURFER ? read_freesurfer_file(stack1, node)
                                                                : read_quill_file(stack1, node);
         if (failed) return 1;
@@ -235,14 +366,6 @@ static float stored_value(const void *buffer, int storage_type, size_t j, int sw
     }
 }
 
-/* A whole byte count for fseek: the float truncated; a value no long can hold gives -1,
-   which the seek refuses. */
-static long seek_offset(float voxel_offset)
-{
-    if (!(voxel_offset > -9.0e18f && voxel_offset < 9.0e18f)) return -1;
-    return (long)voxel_offset;
-}
-
 int read_quill_file(data_stack *stack1, file_list *file_info)
 {
     const QL_HEADER *h = &file_info->header;
@@ -252,21 +375,26 @@ int read_quill_file(data_stack *stack1, file_list *file_info)
     int swap = h->byte_order != machine_byte_order();
     int progress = (int)((unsigned)nt * (unsigned)npts) > 1000000 && nt > 10;
 
-    FILE *fp = fopen(name, "rb");
-    if (fp == NULL) {
+    /* A ".nii.gz" file is unpacked by zlib as it is read; every other file is read as is. */
+    znzFile fp = znzopen(name, "rb", is_gzipped_nifti_name(name));
+    if (znz_isnull(fp)) {
         printf("\nError: cannot open file %s.\n", name);
         return 1;
     }
+    if (data_file_is_short(stack1, file_info)) { /* nothing of a short file is read */
+        report_short_data(file_info);
+        znzclose(fp);
+        return 1;
+    }
     long offset = seek_offset(h->voxel_offset);
-    if (fseek(fp, offset, SEEK_SET) != 0) {
-        fflush(stdout);
-        fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, name);
-        exit(1);
+    if (offset < 0 || znzseek(fp, (znz_off_t)offset, SEEK_SET) < 0) {
+        znzclose(fp);
+        seek_failed(offset, name);
     }
 
     int bytes = storage_bytes(h->storage_type);
     if (bytes == 0) { /* no storage type known: nothing is read */
-        fclose(fp);
+        znzclose(fp);
         return 0;
     }
     void *buffer = storage_vector(h->storage_type, npts);
@@ -280,10 +408,10 @@ int read_quill_file(data_stack *stack1, file_list *file_info)
             printf("\r%s: %lld %c", name, (long long)t * 10 / (nt / 10), '%');
             fflush(stdout);
         }
-        if (fread(buffer, (size_t)bytes, (size_t)npts, fp) != (size_t)npts) {
+        if (znzread(buffer, (size_t)bytes, (size_t)npts, fp) != (size_t)npts) {
             printf("Error reading the data from file %s\n", name);
             free_storage_vector(h->storage_type, buffer);
-            fclose(fp);
+            znzclose(fp);
             return 1;
         }
         float *out = data + base + (size_t)t * (size_t)npts;
@@ -297,7 +425,7 @@ int read_quill_file(data_stack *stack1, file_list *file_info)
         }
     }
     free_storage_vector(h->storage_type, buffer);
-    fclose(fp);
+    znzclose(fp);
     if (progress) {
         printf("\r%s: 100 %c\n", name, '%');
         fflush(stdout);
@@ -317,10 +445,14 @@ int read_freesurfer_file(data_stack *stack1, file_list *file_info)
     int is_short = h->storage_type == FILE_BSHORT;
     size_t bytes = is_short ? 2 : 4;
 
-    /* The slices must fit the stack's volumes (a list of mixed sizes makes the stack take the
-       last file's size). */
-    if ((long long)h->dim.z * n2d > npts) {
-        printf("Error: the %d slices of %s do not fit the volumes of the stack.\n", h->dim.z, name);
+    /* The stack has the geometry of the last file of its list, so the planes of a larger
+       volume run on into the stack's next volume; they must stay within the array. */
+    if (end_of_file_values(stack1, file_info) > (long long)npts * stack1->nt) {
+        printf("Error: the %d slices of %s reach past the end of the stack.\n", h->dim.z, name);
+        return 1;
+    }
+    if (data_file_is_short(stack1, file_info)) { /* nothing of a short stack is read */
+        report_short_data(file_info);
         return 1;
     }
 

@@ -6,9 +6,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <csignal>
+#include <sys/resource.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include "globals.h"
 #include "numerics.h"
@@ -63,6 +67,32 @@ ScopedTempDir::~ScopedTempDir()
     if (system(cmd.c_str()) != 0) return;
 }
 
+ScopedFileSizeLimit::ScopedFileSizeLimit(long bytes)
+{
+    struct rlimit limit;
+    getrlimit(RLIMIT_FSIZE, &limit);
+    saved_cur = (long)limit.rlim_cur;
+    signal(SIGXFSZ, SIG_IGN);
+    limit.rlim_cur = (rlim_t)bytes;
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) abort();
+}
+
+ScopedFileSizeLimit::~ScopedFileSizeLimit()
+{
+    struct rlimit limit;
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = (rlim_t)saved_cur;
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+int leftover_temporaries(void)
+{
+    int n = 0;
+    for (const auto &entry : std::filesystem::directory_iterator("."))
+        if (entry.path().filename().string().rfind(".part-", 0) == 0) n++;
+    return n;
+}
+
 std::string read_text_file(const std::string &name)
 {
     std::ifstream in(name, std::ios::binary);
@@ -86,4 +116,15 @@ HeaderRead read_header_printing(const char *data_name)
     r.result = read_volume_header(name, &r.h);
     r.out = testing::internal::GetCapturedStdout();
     return r;
+}
+
+bool gzip_file(const std::string &from, const std::string &to, long keep_bytes)
+{
+    std::string data = read_text_file(from);
+    gzFile gz = gzopen(to.c_str(), "wb");
+    if (gz == NULL) return false;
+    bool ok = gzwrite(gz, data.data(), (unsigned)data.size()) == (int)data.size();
+    if (gzclose(gz) != Z_OK) ok = false;
+    if (ok && keep_bytes >= 0) ok = truncate(to.c_str(), keep_bytes) == 0;
+    return ok;
 }

@@ -4,8 +4,10 @@
 
 #include <cmath>
 #include <cstring>
+#include <malloc.h>
 #include <random>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -255,6 +257,82 @@ TEST(ReadSpaceTimeData, MissingShortOrMisplacedDataFailsBeforeAllocating)
     EXPECT_EQ(l.out, "Error: cannot open quill file nothing.hdr.\n");
 }
 
+TEST(ReadSpaceTimeData, EachFileIsCheckedInItsTurnAndAShortOneCostsNoMemory)
+{
+    ScopedTempDir dir;
+    // p.x: 11 volumes of 100000 bytes, enough for progress lines (nt / 10 = 1: every volume);
+    // h.x promises 2000 volumes (800 MB as floats) and holds 10 bytes; c.x is the last file
+    // and gives the stack its 100000 voxels.
+    const char *uchar = "storage-type unsigned-char\n";
+    write_quill_volume("p.x", 100000, 1, 1, 11, 0, 1, {}, uchar);
+    write_binary_file("p.x", std::vector<unsigned char>(1100000, 9));
+    write_quill_volume("h.x", 100000, 1, 1, 2000, 0, 1, {}, uchar);
+    write_binary_file("h.x", std::vector<unsigned char>(10, 1));
+    write_quill_volume("c.x", 100000, 1, 1, 1, 0, 1, {}, uchar);
+    write_binary_file("c.x", std::vector<unsigned char>(100000, 2));
+    Files f({{"p.x", 0}, {"h.x", 0}, {"c.x", 0}});
+    data_stack s = empty_stack();
+    Load l = load(&s, f);
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.nfiles, 1);
+    std::string want;
+    for (int figure = 0; figure <= 100; figure += 10) want += "\rp.x: " + std::to_string(figure) + " %";
+    EXPECT_EQ(l.out, want + "\rp.x: 100 %\n" + "Error reading the data from file h.x\n");
+    ASSERT_NE(s.SpaceTime.fData, nullptr);
+    EXPECT_FLOAT_EQ(s.SpaceTime.fData[1099999], 9.0f);
+    // room for p.x's 11 volumes only, not for the 2012 volumes of the list
+    EXPECT_LT(malloc_usable_size(s.SpaceTime.fData), (size_t)12 * 100000 * sizeof(float));
+
+    // an earlier file that cannot be opened is reported first, the short one never
+    remove("p.x");
+    data_stack m = empty_stack();
+    l = load(&m, f);
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.out, "\nError: cannot open file p.x.\n");
+}
+
+TEST(ReadSpaceTimeData, GzippedNiftiReadsLikeItsPlainTwin)
+{
+    ScopedTempDir dir;
+    NiftiFixture f = nifti_fixture(5, 4, 3, 2, 1.5f, DT_INT16);
+    f.h.scl_slope = 0.5f;
+    f.h.scl_inter = -3.0f;
+    const float sx[4] = {-1.5f, 0.0f, 0.0f, 20.0f}, sy[4] = {0.0f, 1.5f, 0.0f, -7.0f}, sz[4] = {0.0f, 0.0f, 1.5f, 4.0f};
+    set_nifti_method3(&f, sx, sy, sz);
+    f.dof_extension = true;
+    f.dof = 17;
+    ASSERT_TRUE(write_nifti("v.nii", f, encode_values(ramp(120, -50, 3), 1, machine_byte_order())));
+    ASSERT_TRUE(gzip_file("v.nii", "v.nii.gz"));
+
+    data_stack plain = empty_stack(), packed = empty_stack();
+    Load a = load_one(&plain, "v.nii");
+    Load b = load_one(&packed, "v.nii.gz");
+    ASSERT_EQ(a.result, 0) << a.out;
+    ASSERT_EQ(b.result, 0) << b.out;
+    EXPECT_EQ(b.out, "The NIFTI header for file v.nii.gz uses Method 3: affine transformation of voxel indices\n");
+    EXPECT_EQ(packed.nt, 2);
+    EXPECT_EQ(packed.origin.x, 20.0f);
+    EXPECT_EQ(packed.direction.x, -1.0f);
+    EXPECT_EQ(memcmp(plain.SpaceTime.fData, packed.SpaceTime.fData, sizeof(float) * 120), 0);
+    EXPECT_EQ(packed.SpaceTime.fData[119], 0.5f * (-50 + 3 * 119) - 3.0f);
+
+    // a packed file whose data stop short is refused before the stack is allocated
+    std::string whole = read_text_file("v.nii.gz");
+    ASSERT_TRUE(gzip_file("v.nii", "cut.nii.gz", (long)whole.size() / 2));
+    data_stack cut = empty_stack();
+    Load c = load_one(&cut, "cut.nii.gz");
+    EXPECT_EQ(c.result, 1);
+    EXPECT_NE(c.out.find("Error reading the data from file cut.nii.gz\n"), std::string::npos) << c.out;
+    EXPECT_EQ(cut.SpaceTime.fData, nullptr);
+
+    // only ".nii.gz" is NIfTI: another ".gz" data file is a quill file with the extension "gz"
+    write_quill_volume("q.gz", 2, 1, 1, 1, 2, machine_byte_order(), {1.25, -2.0});
+    data_stack q = empty_stack();
+    Load d = load_one(&q, "q.gz");
+    ASSERT_EQ(d.result, 0) << d.out;
+    EXPECT_EQ(q.SpaceTime.fData[1], -2.0f);
+}
+
 TEST(ReadSpaceTimeData, StacksTooLargeForTheAllocatorAreRefused)
 {
     ScopedTempDir dir;
@@ -305,6 +383,37 @@ TEST(ReadFreesurferFile, SlicesFillTheirPlanesOfEveryVolume)
     EXPECT_EQ(l.out, "\nError: cannot open file s1_\n");
 }
 
+TEST(ReadFreesurferFile, AStackBeforeTheLastFileRunsOnIntoTheNextVolumesWithinTheArray)
+{
+    ScopedTempDir dir;
+    // a.bfloat and b.bfloat hold 2 x 2 x 2 volumes; the stack f_ between them is 2 x 2 x 4, so
+    // its planes 2 and 3 run on into the stack's next volume, which b.bfloat then fills.
+    std::vector<double> f16 = ramp(16, 100, 1);
+    write_quill_volume("a.bfloat", 2, 2, 2, 1, 2, 1, ramp(8, 0, 1));
+    write_freesurfer_volume("f_", 2, 2, 4, 1, 1.0f, 1.0f, 2.0f, 2, machine_byte_order(), f16);
+    write_quill_volume("b.bfloat", 2, 2, 2, 2, 2, 1, ramp(16, 200, 1));
+    Files fit({{"a.bfloat", 0}, {"f_", 0}, {"b.bfloat", 0}});
+    data_stack s = empty_stack();
+    Load l = load(&s, fit);
+    ASSERT_EQ(l.result, 0) << l.out;
+    EXPECT_EQ(l.out, "");
+    EXPECT_EQ(s.nt, 4);
+    EXPECT_EQ(fit.nodes[1].start_image, 1);
+    for (int i = 0; i < 32; i++) {
+        double want = i < 8 ? i : (i < 16 ? 100 + (i - 8) : 200 + (i - 16));
+        EXPECT_FLOAT_EQ(s.SpaceTime.fData[i], (float)want) << i;
+    }
+
+    // five planes from volume 1 of a 3-volume stack would end at element 28 of 24: refused
+    write_freesurfer_volume("g_", 2, 2, 5, 1, 1.0f, 1.0f, 2.0f, 2, machine_byte_order(), ramp(20, 0, 1));
+    write_quill_volume("c.bfloat", 2, 2, 2, 1, 2, 1, ramp(8, 0, 1));
+    Files past({{"a.bfloat", 0}, {"g_", 0}, {"c.bfloat", 0}});
+    data_stack p = empty_stack();
+    l = load(&p, past);
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.out, "Error: the 5 slices of g_ reach past the end of the stack.\n");
+}
+
 /* The brain templates of mricron-data, read here and by nibabel at the same voxels. */
 TEST(ReadSpaceTimeData, RealTemplatesAgreeWithASecondReader)
 {
@@ -315,9 +424,15 @@ TEST(ReadSpaceTimeData, RealTemplatesAgreeWithASecondReader)
         if (access(gz.c_str(), R_OK) != 0) GTEST_SKIP() << "mricron-data is not installed";
         std::string nii = std::string(name) + ".nii";
         ASSERT_EQ(system(("gzip -dc " + gz + " > " + nii).c_str()), 0);
-        data_stack s = empty_stack();
+        data_stack s = empty_stack(), packed = empty_stack();
         Load l = load_one(&s, nii.c_str());
         ASSERT_EQ(l.result, 0) << l.out;
+        // the gzipped file as shipped reads to the same values
+        l = load_one(&packed, gz.c_str());
+        ASSERT_EQ(l.result, 0) << l.out;
+        ASSERT_EQ(packed.n3d, s.n3d);
+        EXPECT_EQ(memcmp(packed.SpaceTime.fData, s.SpaceTime.fData, sizeof(float) * (size_t)s.n3d), 0) << name;
+        free_float_vector(packed.SpaceTime.fData);
         std::mt19937 rng{1};
         std::string args;
         std::vector<int> index;
@@ -348,4 +463,51 @@ TEST(ReadSpaceTimeData, RealTemplatesAgreeWithASecondReader)
         EXPECT_GT(nonzero, 0) << name;
         free_float_vector(s.SpaceTime.fData);
     }
+}
+
+/* A header that would cost memory without data to fill it is refused before the allocation:
+   512^3 values with no storage type, a pair whose data file is missing, a FreeSurfer stack
+   missing a slice, a negative offset (which stops the program as the seek would). */
+TEST(ReadSpaceTimeData, HeadersWithoutReadableDataAllocateNothing)
+{
+    ScopedTempDir dir;
+    write_quill_header("big.dat", "x 512\ny 512\nz 512\nt 1\n");
+    write_binary_file("big.dat", std::vector<unsigned char>(16, 0));
+    data_stack s = empty_stack();
+    Load l = load_one(&s, "big.dat");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.out, "Error: no storage type is given for big.dat; its header needs a storage-type line\n"
+                     "(short, float, long, unsigned-short or unsigned-char).\n");
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+    EXPECT_EQ(s.nt, 0);
+
+    NiftiFixture f = nifti_fixture(512, 512, 512, 1, 1.0f, DT_FLOAT32);
+    write_nifti("pair.img", f, {});
+    remove("pair.img");
+    l = load_one(&s, "pair.img");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_NE(l.out.find("\nError: cannot open file pair.img.\n"), std::string::npos) << l.out;
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+    ASSERT_EQ(mkdir("dir.img", 0700), 0);
+    write_nifti("dir.hdr", f, {});
+    l = load_one(&s, "dir.img");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_NE(l.out.find("\nError: dir.img is not a regular file.\n"), std::string::npos) << l.out;
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+
+    std::vector<double> v(4 * 3 * 3, 1.0);
+    write_freesurfer_volume("fs_", 4, 3, 3, 1, 1.0f, 1.0f, 2.0f, 2, 1, v);
+    remove("fs_002.bfloat");
+    write_text_file("fs.bhdr", "cols: 4\nrows: 3\nnslices: 4000\nn_time_points: 1\nslice_thick: 1\n"
+                               "top_right_r: 4\nbottom_right_r: 4\nbottom_right_a: 3\n");
+    l = load_one(&s, "fs_");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.out, "\nError: cannot open file fs_\n");
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+
+    f.h.vox_offset = -1e30f;
+    write_nifti("neg.nii", f, std::vector<unsigned char>(64));
+    set_vox_offset("neg.nii", -1e30f);
+    EXPECT_EXIT(load_one(&s, "neg.nii"), testing::ExitedWithCode(1),
+                "\nError doing fseek\\(\\) to -1 in data file neg.nii\n");
 }
