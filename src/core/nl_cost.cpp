@@ -39,6 +39,41 @@ static int n_filled_I, n_filled_T, n_filled_IT;
 static mi_row_cache totals_mi_cache;
 static unsigned char rows_written[NBINS];
 
+/* The template's bin at every grid voxel (NO_BIN where the template is 0), written by the last
+   code-0 walk with the averages and range it set; the probes read it instead of binning the
+   template again while the template volume, the grid and those values are the ones it was made
+   with. The template's values are not changed in place between a code-0 call and its probes. */
+#define NO_BIN 255
+static unsigned char *template_bins;
+static size_t template_bins_size;
+static struct {
+    int valid;
+    const float *T;
+    IPOINT3D dim;
+    float av_template, min, range;
+} bins_made_for;
+
+static int template_bins_usable(const float *T, float range)
+{
+    return bins_made_for.valid && bins_made_for.T == T && bins_made_for.dim.x == template_.dim.x &&
+           bins_made_for.dim.y == template_.dim.y && bins_made_for.dim.z == template_.dim.z &&
+           memcmp(&bins_made_for.av_template, &av_template, sizeof(float)) == 0 &&
+           memcmp(&bins_made_for.min, &min, sizeof(float)) == 0 &&
+           memcmp(&bins_made_for.range, &range, sizeof(float)) == 0;
+}
+
+/* Room for the bins of the whole grid; NULL when it cannot be had (the probes then bin as they go). */
+static unsigned char *template_bins_room(void)
+{
+    size_t n = (size_t)template_.dim.x * template_.dim.y * template_.dim.z;
+    if (n > template_bins_size) {
+        free(template_bins);
+        template_bins = (unsigned char *)malloc(n);
+        template_bins_size = template_bins != NULL ? n : 0;
+    }
+    return template_bins;
+}
+
 /* Takes the box histograms out of the running totals (a result below 0 becoming 0) and clears them. */
 static void subtract_box_histograms(void)
 {
@@ -145,14 +180,33 @@ float cost_function_nonlinear(int icost, int InitProbeSet)
             MI_save_voxels = 0;
             int into_totals = InitProbeSet != 1;
             int into_box = InitProbeSet == 1 || InitProbeSet == 2;
+            /* The whole-grid walk writes the template's bins, a box walk reads them. */
+            unsigned char *write_bins = NULL;
+            const unsigned char *read_bins = NULL;
+            if (InitProbeSet == 0) {
+                bins_made_for.valid = 0;
+                write_bins = template_bins_room();
+            } else if (template_bins_usable(T, range)) {
+                read_bins = template_bins;
+            }
             for (int z = s.z; z < e.z; z++)
                 for (int y = s.y; y < e.y; y++) {
                     int row = z * n2d + y * nx;
                     for (int x = s.x; x < e.x; x++) {
-                        float t = T[row + x];
-                        if (t == 0.0f) continue;
+                        int bt;
+                        if (read_bins != NULL) {
+                            bt = read_bins[row + x];
+                            if (bt == NO_BIN) continue;
+                        } else {
+                            float t = T[row + x];
+                            if (t == 0.0f) {
+                                if (write_bins != NULL) write_bins[row + x] = NO_BIN;
+                                continue;
+                            }
+                            bt = intensity_bin(t / av_template, min, range);
+                            if (write_bins != NULL) write_bins[row + x] = (unsigned char)bt;
+                        }
                         int bi = intensity_bin(I[row + x] / av_individual, min, range);
-                        int bt = intensity_bin(t / av_template, min, range);
                         if (into_totals) {
                             rows_written[bi] = 1;
                             MI_prob_I[bi] += 1;
@@ -171,6 +225,14 @@ float cost_function_nonlinear(int icost, int InitProbeSet)
                         }
                     }
                 }
+            if (write_bins != NULL) {
+                bins_made_for.valid = 1;
+                bins_made_for.T = T;
+                bins_made_for.dim = template_.dim;
+                bins_made_for.av_template = av_template;
+                bins_made_for.min = min;
+                bins_made_for.range = range;
+            }
             if (MI_number_voxels != 0)
             {
                 similarity = mutual_information_cached(&totals_mi_cache, MI_number_voxels, MI_prob_I, MI_prob_T,
@@ -537,21 +599,15 @@ static int map_terms_match(const map_terms *m, const deformation_walk *w, IPOINT
 static int margin_values(map_terms *m, const float *D, int copy)
 {
     int nx = m->dim.x, n2d = m->dim.x * m->dim.y, len = m->mend.x - m->mstart.x;
-    unsigned *kept = (unsigned *)m->values;
+    size_t bytes = sizeof(float) * (size_t)len;
+    float *kept = m->values;
     for (int z = m->mstart.z; z < m->mend.z; z++)
         for (int y = m->mstart.y; y < m->mend.y; y++) {
             const float *row = D + z * n2d + y * nx + m->mstart.x;
-            if (copy) {
-                memcpy(kept, row, sizeof(float) * (size_t)len);
-            } else {
-                unsigned differ = 0;
-                for (int i = 0; i < len; i++) {
-                    unsigned u;
-                    memcpy(&u, row + i, sizeof u);
-                    differ |= u ^ kept[i];
-                }
-                if (differ != 0) return 0;
-            }
+            if (copy)
+                memcpy(kept, row, bytes);
+            else if (memcmp(kept, row, bytes) != 0)
+                return 0;
             kept += len;
         }
     return 1;
@@ -749,12 +805,14 @@ float cost_deformation(int InitProbeSet, int normalize)
                     for (int j = 0; j < nterms; j++) fAdd += terms[j][i + l];
                     f4[l] = fAdd;
                 }
-            for (int l = 0; l < k; l++) {
-                if (into_totals) { DEF_sum2 += f4[l]; DEF_nvoxels++; }
-                if (into_box) { box_sum += f4[l]; box_n++; }
-            }
+            if (into_totals)
+                for (int l = 0; l < k; l++) DEF_sum2 += f4[l];
+            if (into_box)
+                for (int l = 0; l < k; l++) box_sum += f4[l];
             i += k;
         }
+        if (into_totals) DEF_nvoxels += n;
+        if (into_box) box_n += n;
         e.z = s.z;  /* nothing left to walk */
     }
 
