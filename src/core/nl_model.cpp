@@ -274,6 +274,28 @@ void update_nonlinear_alignment_parameters(int recalculate_distortions)
    Deliberate: the map is chosen by AlignNL.iCoeff, the old value by the argument; callers set
    AlignNL.iCoeff and AlignNL.iBasis to match first.
    Pinned by SetAlignNLValue.TheMapFollowsTheRecordsCurrentCoefficient. */
+/* The factors of the basis that Set_AlignNL_Value changed last: the optimizer changes one
+   coefficient several times in a row. They are made again when the box, the half-widths or the
+   basis's per-axis parity differ. */
+static const box_factors *factors_of(int n)
+{
+    static box_factors f;
+    static IPOINT3D fwhm, parity;
+    static int made = 0;
+    IPOINT3D p = {AlignNL.iBasis1D[n].x % 2, AlignNL.iBasis1D[n].y % 2, AlignNL.iBasis1D[n].z % 2};
+    IPOINT3D s = AlignNL.Index3DStart[n], e = AlignNL.Index3DEnd[n], w = AlignNL.BasisFWHM;
+    if (made && s.x == f.start.x && s.y == f.start.y && s.z == f.start.z && e.x == f.end.x && e.y == f.end.y &&
+        e.z == f.end.z && w.x == fwhm.x && w.y == fwhm.y && w.z == fwhm.z && p.x == parity.x && p.y == parity.y &&
+        p.z == parity.z)
+        return &f;
+    if (made) free_box_factors(&f);
+    make_box_factors(&f, n);
+    fwhm = w;
+    parity = p;
+    made = 1;
+    return &f;
+}
+
 void Set_AlignNL_Value(int iCoeff, float value)
 {
     data_stack *map;
@@ -285,17 +307,16 @@ void Set_AlignNL_Value(int iCoeff, float value)
         map = &distort_z;
     float *m = map->SpaceTime.fData;
     float old = AlignNL.value[iCoeff];
-    box_factors f;
-    make_box_factors(&f, AlignNL.iBasis);
+    const box_factors &f = *factors_of(AlignNL.iBasis);
     for (int z = f.start.z; z < f.end.z; z++)
-        for (int y = f.start.y; y < f.end.y; y++)
+        for (int y = f.start.y; y < f.end.y; y++) {
+            float *row = m + grid_index(0, y, z);
             for (int x = f.start.x; x < f.end.x; x++) {
                 float B = f.fz[z - f.start.z] * f.fx[x - f.start.x] * f.fy[y - f.start.y];
-                size_t e = grid_index(x, y, z);
-                m[e] -= old * B;
-                m[e] += value * B;
+                row[x] -= old * B;
+                row[x] += value * B;
             }
-    free_box_factors(&f);
+        }
     AlignNL.value[iCoeff] = value;
     transform_coordinates(0, 0);
 }
