@@ -73,15 +73,6 @@ double gauss_oracle(const data_stack *s, double vx, double vy, double vz, int w,
 
 }  // namespace
 
-TEST(TransformCoordinates, IdentityWithTheAccurateKernelReproducesTheIndividual)
-{
-    make_scene(8, 1.0f, 8, 1.0f);
-    fill_random(&original, 1.0f, 100.0f, 1);
-    transform_coordinates(1, 1);
-    for (int i = 0; i < individual.n3d; i++)
-        ASSERT_NEAR(individual.SpaceTime.fData[i], original.SpaceTime.fData[i], 1e-4f) << i;
-}
-
 TEST(TransformCoordinates, VoxelsMappingOffTheGridOrOntoZeroAreZeroInAFullResampling)
 {
     make_scene(6, 1.0f, 6, 1.0f);
