@@ -12,7 +12,7 @@ if(XVFB_RUN AND XDOTOOL)
   # Each session looks for a free server number from its own start, away from the default 99
   # that other test scripts on the machine use.
   set(server 140)
-  foreach(scenario layout_zoom three_planes crosshair contrast select_slices quit_answers quit_yes real_pair)
+  foreach(scenario layout_zoom three_planes crosshair contrast select_slices quit_answers real_pair)
     math(EXPR server "${server} + 3")
     add_test(NAME display_${scenario}
              COMMAND ${XVFB_RUN} -a -n ${server} -s "-screen 0 1280x1024x24"

@@ -377,14 +377,6 @@ def scenario_quit_answers(s):
     check("set registration-" in text, "align.com holds registration lines")
 
 
-def scenario_quit_yes(s):
-    s.move(10, 40)
-    s.key("q", "y")
-    s.proc.wait(timeout=20)
-    check(s.proc.returncode == 0, "answer y ends with status 0")
-    check(os.path.exists("align.com"), "align.com written")
-
-
 def zoom_of(s):
     return int(s.title().split("= ")[1].rstrip(")"))
 
@@ -429,7 +421,6 @@ SCENARIOS = {
     "contrast": scenario_contrast,
     "select_slices": scenario_select_slices,
     "quit_answers": scenario_quit_answers,
-    "quit_yes": scenario_quit_yes,
 }
 
 

@@ -197,31 +197,13 @@ bool write_nifti(const std::string &path, const NiftiFixture &fixture,
     return write_binary_file(stem + ".hdr", header_bytes) && write_binary_file(stem + ".img", data_bytes);
 }
 
-static bool write_nifti_raw(const std::string &path, int nx, int ny, int nz, int nt, float res,
-                            int datatype, const void *data, size_t value_bytes)
-{
-    NiftiFixture f = nifti_fixture(nx, ny, nz, nt, res, datatype);
-    size_t n = (size_t)nx * ny * nz * nt * value_bytes;
-    std::vector<unsigned char> bytes((const unsigned char *)data, (const unsigned char *)data + n);
-    return write_nifti(path, f, bytes);
-}
-
 bool write_nifti_float(const std::string &path, int nx, int ny, int nz, int nt, float res,
                        const float *data)
 {
-    return write_nifti_raw(path, nx, ny, nz, nt, res, DT_FLOAT32, data, sizeof(float));
-}
-
-bool write_nifti_short(const std::string &path, int nx, int ny, int nz, int nt, float res,
-                       const short *data)
-{
-    return write_nifti_raw(path, nx, ny, nz, nt, res, DT_INT16, data, sizeof(short));
-}
-
-bool write_nifti_uchar(const std::string &path, int nx, int ny, int nz, int nt, float res,
-                       const unsigned char *data)
-{
-    return write_nifti_raw(path, nx, ny, nz, nt, res, DT_UINT8, data, 1);
+    NiftiFixture f = nifti_fixture(nx, ny, nz, nt, res, DT_FLOAT32);
+    const unsigned char *bytes = (const unsigned char *)data;
+    size_t n = (size_t)nx * ny * nz * nt * sizeof(float);
+    return write_nifti(path, f, std::vector<unsigned char>(bytes, bytes + n));
 }
 
 bool write_freesurfer_volume(const std::string &stem, int nx, int ny, int nz, int nt, float res_xy,

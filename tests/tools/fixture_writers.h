@@ -72,13 +72,9 @@ void set_nifti_method3(NiftiFixture *f, const float srow_x[4], const float srow_
 bool write_nifti(const std::string &path, const NiftiFixture &fixture,
                  const std::vector<unsigned char> &data_bytes);
 
-/* One-liners: a float32 (or int16, uint8) volume with cubic voxels of size res, method 1. */
+/* One-liner: a float32 volume with cubic voxels of size res, method 1. */
 bool write_nifti_float(const std::string &path, int nx, int ny, int nz, int nt, float res,
                        const float *data);
-bool write_nifti_short(const std::string &path, int nx, int ny, int nz, int nt, float res,
-                       const short *data);
-bool write_nifti_uchar(const std::string &path, int nx, int ny, int nz, int nt, float res,
-                       const unsigned char *data);
 
 /* ---- FreeSurfer ---- */
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <csignal>
 #include <sys/resource.h>
@@ -17,6 +18,32 @@
 #include "globals.h"
 #include "numerics.h"
 #include "volume.h"
+
+void make_resample_scene(int n, float rt, int on, float ro)
+{
+    make_stack(&template_unfiltered, n, n, n, 1, rt, rt, rt);
+    make_stack(&template_, n, n, n, 1, rt, rt, rt);
+    make_stack(&individual, n, n, n, 1, rt, rt, rt);
+    make_stack(&original, on, on, on, 1, ro, ro, ro);
+    for (data_stack *m : {&distort_x, &distort_y, &distort_z}) make_stack(m, n, n, n, 2, rt, rt, rt);
+    for (int i = 0; i < template_.n3d; i++) template_.SpaceTime.fData[i] = 1.0f;
+    Alignment = {};
+    graph = {};
+    iTime_Template = 0;
+    Alignment.RigidBody = 1;
+    Alignment.value[6] = Alignment.value[7] = Alignment.value[8] = 1.0f;
+    Alignment.dimension = template_.dim;
+    Alignment.resolution = template_.resolution;
+    Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_);
+    Alignment.xyz_to_ijk = centered_xyz_to_ijk(original);
+}
+
+void fill_uniform(data_stack *s, float lo, float hi, unsigned seed)
+{
+    std::mt19937 rng{seed};
+    std::uniform_real_distribution<float> u(lo, hi);
+    for (int i = 0; i < s->n3d; i++) s->SpaceTime.fData[i] = u(rng);
+}
 
 void make_stack(data_stack *s, int nx, int ny, int nz, int nt, float rx, float ry, float rz)
 {

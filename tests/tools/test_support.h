@@ -10,6 +10,13 @@
 void make_stack(data_stack *s, int nx, int ny, int nz, int nt, float rx = 1.0f, float ry = 1.0f,
                 float rz = 1.0f);
 void free_stack(data_stack *s);
+/* A resampling scene: template_unfiltered and template_ (all ones, so that nothing is masked)
+   and individual of n^3 voxels of rt mm, original of on^3 voxels of ro mm, zero displacement
+   maps (two time points) on the template grid, identity parameters and the centred matrices
+   the driver stores in Alignment. */
+void make_resample_scene(int n, float rt, int on, float ro);
+/* The first n3d values of s drawn uniformly from [lo, hi) with the given seed. */
+void fill_uniform(data_stack *s, float lo, float hi, unsigned seed);
 /* Points the display (mosaic.stack, mosaic.fSpaceMatrix) at image_stack made with make_stack. */
 void set_displayed_stack_for_test(int nx, int ny, int nz, int nt);
 

@@ -265,27 +265,32 @@ void fill_phantom(data_stack *s, float cx_mm)
                 s->SpaceTime.fData[x + 32 * (y + 32 * z)] = v;
             }
 }
-}  // namespace
 
-TEST(AffineSearch, RecoversTheShiftOfAPhantom)
+// The phantom as template and, as individual, the phantom moved by shift_mm along x (or all
+// zeros when empty), set up as the start-up does.
+void start_up_pair(float shift_mm, bool empty_individual)
 {
-    // The individual is the template moved by +5 mm along x; the translation that undoes it
-    // enters the affine matrix with a minus sign, so the search must find x = -5.
     make_stack(&original_unfiltered, 32, 32, 32, 1, 2.0f, 2.0f, 2.0f);
     make_stack(&template_unfiltered, 32, 32, 32, 1, 2.0f, 2.0f, 2.0f);
-    fill_phantom(&original_unfiltered, 5.0f);
+    if (!empty_individual) fill_phantom(&original_unfiltered, shift_mm);
     fill_phantom(&template_unfiltered, 0.0f);
-    snprintf(original_unfiltered.name, sizeof original_unfiltered.name, "individual");
-    snprintf(template_unfiltered.name, sizeof template_unfiltered.name, "template");
     DisplayHooks = {};
-    AffineTrial.resample = transform_coordinates;
-    AffineTrial.cost = cost_function;
     initialize_mosaic_ovl(0);
     initialize_alignment();
     Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_unfiltered);
     Alignment.xyz_to_ijk = centered_xyz_to_ijk(original_unfiltered);
     filter_image_data();
     transform_coordinates(1, 0);
+}
+}  // namespace
+
+TEST(AffineSearch, RecoversTheShiftOfAPhantom)
+{
+    // The individual is the template moved by +5 mm along x; the translation that undoes it
+    // enters the affine matrix with a minus sign, so the search must find x = -5.
+    AffineTrial.resample = transform_coordinates;
+    AffineTrial.cost = cost_function;
+    start_up_pair(5.0f, false);
     for (int j = 3; j < 12; j++) AlignAid.Adjust[j] = 0;
     AlignAid.DisplaySet = 1;
     auto_adjust_affine_iterations(0, 3, 1);
@@ -303,24 +308,6 @@ void bounded_resample(int all_voxels, int most_accurate)
     transform_coordinates(all_voxels, most_accurate);
 }
 
-// The phantom as template and an individual of zeros on the same grid, set up as the start-up
-// does, searched with the real similarity.
-void start_up_empty_individual(void)
-{
-    make_stack(&original_unfiltered, 32, 32, 32, 1, 2.0f, 2.0f, 2.0f);
-    make_stack(&template_unfiltered, 32, 32, 32, 1, 2.0f, 2.0f, 2.0f);
-    fill_phantom(&template_unfiltered, 0.0f);
-    DisplayHooks = {};
-    initialize_mosaic_ovl(0);
-    initialize_alignment();
-    Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_unfiltered);
-    Alignment.xyz_to_ijk = centered_xyz_to_ijk(original_unfiltered);
-    filter_image_data();
-    transform_coordinates(1, 0);
-    g_resamples = 0;
-    AffineTrial.resample = bounded_resample;
-    AffineTrial.cost = cost_function;
-}
 }  // namespace
 
 TEST(LineScan, StopsWhereItsStepsNoLongerChangeTheResampledIndividual)
@@ -328,7 +315,10 @@ TEST(LineScan, StopsWhereItsStepsNoLongerChangeTheResampledIndividual)
     // Every resampling of an empty individual is all zeros and its similarity 0: the probes
     // tie, the march goes down, -2 only ties again and -3 changes nothing: the scan stops
     // there and reports the best point so far, with no gain.
-    start_up_empty_individual();
+    start_up_pair(0.0f, true);
+    g_resamples = 0;
+    AffineTrial.resample = bounded_resample;
+    AffineTrial.cost = cost_function;
     AlignAid.iParameter = 0;
     AlignAid.increment[0] = 1.0f;
     float best = -1.0f, offset = 0.0f;
@@ -359,17 +349,7 @@ float peak_at_origin(const float *v)
 // resampling (the final accurate resampling of the action still runs on the phantom).
 void start_up_phantom(void)
 {
-    make_stack(&original_unfiltered, 32, 32, 32, 1, 2.0f, 2.0f, 2.0f);
-    make_stack(&template_unfiltered, 32, 32, 32, 1, 2.0f, 2.0f, 2.0f);
-    fill_phantom(&original_unfiltered, 0.0f);
-    fill_phantom(&template_unfiltered, 0.0f);
-    DisplayHooks = {};
-    initialize_mosaic_ovl(0);
-    initialize_alignment();
-    Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_unfiltered);
-    Alignment.xyz_to_ijk = centered_xyz_to_ijk(original_unfiltered);
-    filter_image_data();
-    transform_coordinates(1, 0);
+    start_up_pair(0.0f, false);
     g_similarity = peak_at_origin;
     g_levels.clear();
     AffineTrial.resample = counting_resample;

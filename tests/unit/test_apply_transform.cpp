@@ -16,34 +16,6 @@
 
 namespace {
 
-// A template of n^3 voxels of rt mm (all ones, so that nothing is masked), an individual of
-// on^3 voxels of ro mm, displacement maps on the template grid (zero), identity parameters.
-void make_scene(int n, float rt, int on, float ro)
-{
-    make_stack(&template_unfiltered, n, n, n, 1, rt, rt, rt);
-    make_stack(&template_, n, n, n, 1, rt, rt, rt);
-    make_stack(&individual, n, n, n, 1, rt, rt, rt);
-    make_stack(&original, on, on, on, 1, ro, ro, ro);
-    for (data_stack *m : {&distort_x, &distort_y, &distort_z}) make_stack(m, n, n, n, 2, rt, rt, rt);
-    for (int i = 0; i < template_.n3d; i++) template_.SpaceTime.fData[i] = 1.0f;
-    Alignment = {};
-    graph = {};
-    iTime_Template = 0;
-    Alignment.RigidBody = 1;
-    Alignment.value[6] = Alignment.value[7] = Alignment.value[8] = 1.0f;
-    Alignment.dimension = template_.dim;
-    Alignment.resolution = template_.resolution;
-    Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_);
-    Alignment.xyz_to_ijk = centered_xyz_to_ijk(original);
-}
-
-void fill_random(data_stack *s, float lo, float hi, unsigned seed)
-{
-    std::mt19937 rng{seed};
-    std::uniform_real_distribution<float> u(lo, hi);
-    for (int i = 0; i < s->n3d; i++) s->SpaceTime.fData[i] = u(rng);
-}
-
 // Smooth maps: d_a = amplitude * sin(2 pi k / n) along the next axis, in mm.
 void smooth_maps(int n, double amplitude)
 {
@@ -114,10 +86,10 @@ TEST(ApplyForward, AccurateKernelMapsVoxelsExactlyAsTransformCoordinates)
     // 2 mm over 1 mm (half-width 2) and 3 mm over 1 mm (half-width 3), with wrap-around in y
     const float template_mm[2] = {2.0f, 3.0f};
     for (float rt : template_mm) {
-        make_scene(12, rt, 26, 1.0f);
-        fill_random(&original, 1.0f, 100.0f, 3);  // no zeros: transform_coordinates masks nothing
-        fill_random(&distort_x, -1.5f, 1.5f, 4);
-        fill_random(&distort_z, -0.5f, 0.5f, 5);
+        make_resample_scene(12, rt, 26, 1.0f);
+        fill_uniform(&original, 1.0f, 100.0f, 3);  // no zeros: transform_coordinates masks nothing
+        fill_uniform(&distort_x, -1.5f, 1.5f, 4);
+        fill_uniform(&distort_z, -0.5f, 0.5f, 5);
         some_affine();
         Alignment.WrapAround = {0, 1, 0};
         transform_coordinates(1, 1);
@@ -135,7 +107,7 @@ TEST(ApplyForward, AccurateKernelMapsVoxelsExactlyAsTransformCoordinates)
 
 TEST(ApplyForward, NearestCopiesValuesAndLinearFollowsARamp)
 {
-    make_scene(10, 2.0f, 12, 1.5f);  // 20 mm of template over 18 mm of individual
+    make_resample_scene(10, 2.0f, 12, 1.5f);  // 20 mm of template over 18 mm of individual
     // a ramp exact in float, and no zero, so a 0 in the output means "off the grid"
     for (int z = 0; z < 12; z++)
         for (int y = 0; y < 12; y++)
@@ -168,7 +140,7 @@ TEST(ApplyForward, NearestCopiesValuesAndLinearFollowsARamp)
 TEST(ApplyInverse, PositionsUndoTheForwardMapping)
 {
     for (double amplitude : {0.0, 1.5}) {
-        make_scene(14, 2.0f, 18, 1.5f);
+        make_resample_scene(14, 2.0f, 18, 1.5f);
         some_affine();
         smooth_maps(14, amplitude);
         voxel_positions p = {{0, 0, 0}, nullptr};
@@ -196,7 +168,7 @@ TEST(ApplyInverse, PositionsUndoTheForwardMapping)
 
 TEST(ApplyInverse, FoldedRegionsAreCountedAndASingularAffineRefused)
 {
-    make_scene(16, 2.0f, 16, 2.0f);
+    make_resample_scene(16, 2.0f, 16, 2.0f);
     // d_x = 8 sin(2 pi x / 16) mm: slope 8 * 2pi / 32 mm > 1, so x folds back on itself
     for (int z = 0; z < 16; z++)
         for (int y = 0; y < 16; y++)
@@ -218,7 +190,7 @@ TEST(ApplyInverse, FoldedRegionsAreCountedAndASingularAffineRefused)
 
 TEST(ApplyJacobian, ScalingAndLinearDisplacementGiveTheirDeterminant)
 {
-    make_scene(10, 2.0f, 12, 1.5f);
+    make_resample_scene(10, 2.0f, 12, 1.5f);
     Alignment.value[6] = 1.25f;  // inflations enter as reciprocals: 0.8, 1.25, 0.5
     Alignment.value[7] = 0.8f;
     Alignment.value[8] = 2.0f;
@@ -243,7 +215,7 @@ TEST(ApplyJacobian, ScalingAndLinearDisplacementGiveTheirDeterminant)
 
 TEST(ApplyField, ATranslationIsOneLpsVectorInWorldMillimetres)
 {
-    make_scene(8, 1.0f, 8, 1.0f);
+    make_resample_scene(8, 1.0f, 8, 1.0f);
     Alignment.value[0] = 2.0f;  // template point p maps to p - (2, -1, 3)
     Alignment.value[1] = -1.0f;
     Alignment.value[2] = 3.0f;
@@ -264,8 +236,8 @@ TEST(ApplyField, ATranslationIsOneLpsVectorInWorldMillimetres)
 
 TEST(ApplyThreads, OneThreadAndSeveralGiveBitIdenticalResults)
 {
-    make_scene(14, 2.0f, 20, 1.0f);
-    fill_random(&original, 0.0f, 50.0f, 7);
+    make_resample_scene(14, 2.0f, 20, 1.0f);
+    fill_uniform(&original, 0.0f, 50.0f, 7);
     some_affine();
     smooth_maps(14, 1.0);
     std::vector<float> first[3];

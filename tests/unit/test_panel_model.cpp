@@ -240,20 +240,10 @@ TEST_F(Panel, DisplayTypesStepThroughFieldsAndBasisWithAGreyWindowOfTheirOwn)
     EXPECT_EQ(image_scale_max, 1.5f);
 }
 
-TEST(OverlayFilter, ClearedOverlayLeavesAnEmptyMask)
+TEST_F(Panel, OverlayFilterOfAClearedOverlayLeavesAnEmptyMask)
 {
-    DisplayHooks = {};
-    make_stack(&original_unfiltered, 8, 8, 8, 1, 2.0f, 2.0f, 2.0f);
-    make_stack(&template_unfiltered, 8, 8, 8, 1, 2.0f, 2.0f, 2.0f);
-    for (int i = 0; i < 512; i++) {
-        original_unfiltered.SpaceTime.fData[i] = (float)(i % 3);
-        template_unfiltered.SpaceTime.fData[i] = (float)(i % 4);
-    }
-    initialize_mosaic_ovl(0);
-    initialize_alignment();
-    filter_image_data();
-    transform_coordinates(1, 0);
-    ASSERT_EQ(mosaic.stack->n3d, 512);
+    const int n3d = mosaic.stack->n3d;
+    ASSERT_GT(n3d, 20);
     overlay_map.weight[10] = 1.0f;
     overlay_map.weight[20] = NAN;
     update_root_overlay(1);
@@ -263,7 +253,7 @@ TEST(OverlayFilter, ClearedOverlayLeavesAnEmptyMask)
     // The filter itself clears the overlay: name "none", map all zero.
     EXPECT_STREQ(ovl_root.name, "none");
     int nonzero = 0;
-    for (int i = 0; i < 512; i++) nonzero += overlay_map.weight[i] != 0.0f;
+    for (int i = 0; i < n3d; i++) nonzero += overlay_map.weight[i] != 0.0f;
     EXPECT_EQ(nonzero, 0);
     action_clear_overlay();
     action_filter_overlay();

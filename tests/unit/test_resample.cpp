@@ -18,35 +18,6 @@
 
 namespace {
 
-// Template (all ones) and individual on their own grids, maps on the template grid, identity
-// parameters and the centred matrices the driver stores in Alignment.
-void make_scene(int n, float rt, int on, float ro)
-{
-    make_stack(&template_, n, n, n, 1, rt, rt, rt);
-    make_stack(&individual, n, n, n, 1, rt, rt, rt);
-    make_stack(&original, on, on, on, 1, ro, ro, ro);
-    make_stack(&distort_x, n, n, n, 2, rt, rt, rt);
-    make_stack(&distort_y, n, n, n, 2, rt, rt, rt);
-    make_stack(&distort_z, n, n, n, 2, rt, rt, rt);
-    for (int i = 0; i < template_.n3d; i++) template_.SpaceTime.fData[i] = 1.0f;
-    Alignment = {};
-    graph = {};
-    iTime_Template = 0;
-    Alignment.RigidBody = 1;
-    Alignment.value[6] = Alignment.value[7] = Alignment.value[8] = 1.0f;
-    Alignment.dimension = template_.dim;
-    Alignment.resolution = template_.resolution;
-    Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_);
-    Alignment.xyz_to_ijk = centered_xyz_to_ijk(original);
-}
-
-void fill_random(data_stack *s, float lo, float hi, unsigned seed)
-{
-    std::mt19937 rng{seed};
-    std::uniform_real_distribution<float> u(lo, hi);
-    for (int i = 0; i < s->n3d; i++) s->SpaceTime.fData[i] = u(rng);
-}
-
 float at(data_stack *s, int x, int y, int z) { return s->SpaceTime.fData[index4d_stack(s, x, y, z, 0)]; }
 float &ref(data_stack *s, int x, int y, int z) { return s->SpaceTime.fData[index4d_stack(s, x, y, z, 0)]; }
 
@@ -73,19 +44,10 @@ double gauss_oracle(const data_stack *s, double vx, double vy, double vz, int w,
 
 }  // namespace
 
-TEST(TransformCoordinates, IdentityWithTheAccurateKernelReproducesTheIndividual)
-{
-    make_scene(8, 1.0f, 8, 1.0f);
-    fill_random(&original, 1.0f, 100.0f, 1);
-    transform_coordinates(1, 1);
-    for (int i = 0; i < individual.n3d; i++)
-        ASSERT_NEAR(individual.SpaceTime.fData[i], original.SpaceTime.fData[i], 1e-4f) << i;
-}
-
 TEST(TransformCoordinates, VoxelsMappingOffTheGridOrOntoZeroAreZeroInAFullResampling)
 {
-    make_scene(6, 1.0f, 6, 1.0f);
-    fill_random(&original, 1.0f, 2.0f, 4);
+    make_resample_scene(6, 1.0f, 6, 1.0f);
+    fill_uniform(&original, 1.0f, 2.0f, 4);
     ref(&original, 3, 3, 3) = 0.0f;
     for (int i = 0; i < individual.n3d; i++) individual.SpaceTime.fData[i] = 7.0f;
     Alignment.value[0] = 1.0f;  // template x maps to individual x - 1
@@ -99,8 +61,8 @@ TEST(TransformCoordinates, VoxelsMappingOffTheGridOrOntoZeroAreZeroInAFullResamp
 
 TEST(TransformCoordinates, WrapAroundInXTakesTheLastColumnAndWrapsTheKernel)
 {
-    make_scene(8, 1.0f, 8, 1.0f);
-    fill_random(&original, 1.0f, 100.0f, 5);
+    make_resample_scene(8, 1.0f, 8, 1.0f);
+    fill_uniform(&original, 1.0f, 100.0f, 5);
     Alignment.value[0] = 1.0f;  // template x = 0 maps to individual x = -1
     Alignment.WrapAround = {1, 0, 0};
     transform_coordinates(1, 1);
@@ -116,8 +78,8 @@ TEST(TransformCoordinates, WrapAroundInXTakesTheLastColumnAndWrapsTheKernel)
 
 TEST(TransformCoordinates, PartialResamplingTouchesOnlyTheBasisBox)
 {
-    make_scene(8, 1.0f, 8, 1.0f);
-    fill_random(&original, 1.0f, 100.0f, 6);
+    make_resample_scene(8, 1.0f, 8, 1.0f);
+    fill_uniform(&original, 1.0f, 100.0f, 6);
     IPOINT3D start[2] = {{0, 0, 0}, {2, 1, 3}}, end[2] = {{8, 8, 8}, {5, 4, 6}};
     AlignNL = {};
     AlignNL.Index3DStart = start;
@@ -144,8 +106,8 @@ TEST(TransformCoordinates, PartialResamplingTouchesOnlyTheBasisBox)
 TEST(TransformCoordinates, CoarserTemplateWidensBothKernelsToHalfWidthTwo)
 {
     // 2 mm template over a 1 mm individual: r = 2, sigma = 0.85, samples floor(v)-2..ceil(v)+2
-    make_scene(6, 2.0f, 12, 1.0f);
-    fill_random(&original, 1.0f, 100.0f, 7);
+    make_resample_scene(6, 2.0f, 12, 1.0f);
+    fill_uniform(&original, 1.0f, 100.0f, 7);
     transform_coordinates(1, 0);
     // template voxel i sits at individual position 2i + 0.5
     for (int x = 1; x < 5; x++)
@@ -167,7 +129,7 @@ TEST(TransformCoordinates, TemplateVoxelsVastlyWiderThanTheIndividualsAverageThe
     // x voxels of the template 1e30 times the individual's: the fast kernel's sigma (0.425e30)
     // weighs every sample along x alike and its half-width takes in the whole axis, so each
     // voxel is the mean of the individual's x profile 1, 2, 3, 4 (constant along y and z).
-    make_scene(4, 1.0f, 4, 1.0f);
+    make_resample_scene(4, 1.0f, 4, 1.0f);
     for (int z = 0; z < 4; z++)
         for (int y = 0; y < 4; y++)
             for (int x = 0; x < 4; x++) ref(&original, x, y, z) = (float)(x + 1);
@@ -180,8 +142,8 @@ TEST(TransformCoordinates, TemplateVoxelsVastlyWiderThanTheIndividualsAverageThe
 
 TEST(TransformCoordinates, DisplacementMapsActLikeATranslation)
 {
-    make_scene(8, 1.0f, 8, 1.0f);
-    fill_random(&original, 1.0f, 100.0f, 8);
+    make_resample_scene(8, 1.0f, 8, 1.0f);
+    fill_uniform(&original, 1.0f, 100.0f, 8);
     for (int i = 0; i < distort_y.n3d; i++) distort_y.SpaceTime.fData[i] = 1.25f;
     transform_coordinates(1, 0);
     std::vector<float> displaced(individual.SpaceTime.fData, individual.SpaceTime.fData + individual.n3d);
@@ -193,10 +155,10 @@ TEST(TransformCoordinates, DisplacementMapsActLikeATranslation)
 
 TEST(TransformCoordinates, OneThreadAndSeveralGiveBitIdenticalResults)
 {
-    make_scene(20, 1.5f, 24, 1.0f);
-    fill_random(&original, 0.0f, 50.0f, 9);
-    fill_random(&distort_x, -1.0f, 1.0f, 10);
-    fill_random(&distort_z, -0.5f, 0.5f, 11);
+    make_resample_scene(20, 1.5f, 24, 1.0f);
+    fill_uniform(&original, 0.0f, 50.0f, 9);
+    fill_uniform(&distort_x, -1.0f, 1.0f, 10);
+    fill_uniform(&distort_z, -0.5f, 0.5f, 11);
     Alignment.value[0] = 1.3f;
     Alignment.value[3] = 7.0f;
     Alignment.value[5] = -4.0f;
@@ -232,7 +194,7 @@ double phantom(double x, double y, double z)
 // that only voxels mapping inside the individual are compared.
 void make_moved_phantom(float tx, float ty, float degrees)
 {
-    make_scene(32, 1.0f, 32, 1.0f);
+    make_resample_scene(32, 1.0f, 32, 1.0f);
     double c = cos(degrees * M_PI / 180), s = sin(degrees * M_PI / 180);
     for (int z = 0; z < 32; z++)
         for (int y = 0; y < 32; y++)
@@ -303,8 +265,8 @@ float one_voxel_oracle(int x, int y, int z, int accurate)
 
 TEST(TransformCoordinates, FollowsTheReferenceArithmeticBitForBit)
 {
-    make_scene(16, 1.25f, 16, 1.0f);
-    fill_random(&original, 1.0f, 1000.0f, 12);
+    make_resample_scene(16, 1.25f, 16, 1.0f);
+    fill_uniform(&original, 1.0f, 1000.0f, 12);
     Alignment.value[0] = 0.7f;
     Alignment.value[2] = -1.1f;
     Alignment.value[3] = 9.0f;

@@ -1,6 +1,6 @@
-/* Line readers, the option scanner, ".align", the help texts, the help browser dialogue and
-   the application of options to the records. The scanner and the browser keep process-wide
-   state, so each scan and each dialogue runs in a forked child with its own copy of it. */
+/* Line readers, the option scanner, ".align", and the application of options to the records.
+   The scanner keeps process-wide state, so each scan runs in a forked child with its own copy
+   of it. */
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -78,17 +78,6 @@ void clear_list(file_list *list)
     memset(list, 0, sizeof *list);
 }
 
-/* A help directory $QOR_HOME/documentation in the current temporary directory. */
-std::string make_help_home()
-{
-    if (system("mkdir -p home/documentation") != 0) return "";
-    char cwd[1024];
-    if (getcwd(cwd, sizeof cwd) == nullptr) return "";
-    std::string home = std::string(cwd) + "/home";
-    setenv("QOR_HOME", home.c_str(), 1);
-    return home;
-}
-
 } // namespace
 
 TEST(GetLine, ReadsUpTo1023CharactersWhateverSizeSays)
@@ -143,18 +132,6 @@ TEST(ReadProgramInitFile, TableHoldsAtMostOneHundredWords)
     read_program_init_file(".align", arguments, &myargc);
     EXPECT_EQ(myargc, 100);
     EXPECT_STREQ(arguments[99], "w98");
-}
-
-TEST(HelpMenu, HeadersOutOfOrderAreRefused)
-{
-    ScopedTempDir dir;
-    std::string home = make_help_home();
-    write_text_file("home/documentation/bad.txt", "!0 0\nmain\n!1 0\none\n!1 1\nx\n!3 5\ny\n");
-    ChildResult r = run_in_child("", [] { return help_menu(0, "bad.txt"); });
-    std::string path = home + "/documentation/bad.txt";
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "Help from file " + path + "\nWarning: menu entry 3 in file " + path +
-                         " is 3 5,\nbut it should be either 1 2 or 2 1,\n");
 }
 
 TEST(ApplyStartupOption, WrapDigitsPerAxis)
