@@ -148,7 +148,7 @@ int read_nifti_header(char *name, QL_HEADER *header)
     int method;
     if (h.qform_code == 0) {
         /* Deliberate: without a qform the sform is ignored, even when it is set.
-           Pinned by ReadNiftiHeader.QformZeroIgnoresTheSform. */
+           Pinned by ReadNiftiHeader.Method1ScalesFromVoxelZero. */
         method = 1;
         header->origin = {0.0f, 0.0f, 0.0f};
         header->ijk_to_xyz = scale_and_shift_to_mat44(header->resolution, header->origin, header->direction);

@@ -158,7 +158,7 @@ int get_extension(char *name, int *type)
     char *ext = dot + 1;
     size_t n = strlen(ext);
     /* Deliberate: a trailing newline is cut from the caller's own string.
-       Pinned by GetExtension.TrailingNewlineIsCutFromTheCallersName. */
+       Pinned by GetExtension.ClassifiesTheTextAfterTheLastDotExactly. */
     if (n > 0 && ext[n - 1] == '\n') ext[n - 1] = '\0';
 
     if (strcmp(ext, "bshort") == 0) *type = FILE_BSHORT;
@@ -192,7 +192,7 @@ int quill_format(char *name)
     char word[1024] = "";
     if (sscanf(dot + 1, "%1023s", word) != 1) word[0] = '\0';
     /* Deliberate: the caller's name loses its extension so that it can append its own.
-       Pinned by QuillFormat.CutsTheCallersNameAtTheLastDot. */
+       Pinned by GetExtension.ClassifiesTheTextAfterTheLastDotExactly. */
     *dot = '\0';
     if (strcmp(word, "bfloat") == 0) return FILE_BFLOAT;
     if (strcmp(word, "bshort") == 0) return FILE_BSHORT;
@@ -342,7 +342,7 @@ int decode_quill_header_keyword(char *line, QL_HEADER *header)
     }
     if (strcmp(keyword, "registration") == 0) {
         /* Deliberate: naming a registration space makes the data magnitude again.
-           Pinned by DecodeQuillHeaderKeyword.RegistrationResetsTheDataType. */
+           Pinned by DecodeQuillHeaderKeyword.BadLinesAreErrorsWithTheirMessages. */
         header->data_type = 0;
         first_word(args, word);
         if (strcmp(word, "paxinos-rat") == 0) header->registration = REG_PW_RAT_OLD;

@@ -84,7 +84,7 @@ static inline float axis_factor(int c, int F, int odd)
 /* Value of basis iBasis at a template voxel: z factor * x factor * y factor in float, 0 outside
    the box. Deliberate: here the box end is inclusive, while the map builders walk it
    exclusively, so the end voxel never receives the basis's contribution.
-   Pinned by UpdateNonlinearAlignmentParameters.BoxEndGetsNoContribution. */
+   Pinned by UpdateNonlinearAlignmentParameters.MapsAreTheSumOfTheBasesInTheirBoxes. */
 float NL_Basis_function(int iBasis, IPOINT3D voxel)
 {
     IPOINT3D s = AlignNL.Index3DStart[iBasis], e = AlignNL.Index3DEnd[iBasis];
@@ -273,7 +273,7 @@ void update_nonlinear_alignment_parameters(int recalculate_distortions)
    box is resampled (transform_coordinates(0, 0)).
    Deliberate: the map is chosen by AlignNL.iCoeff, the old value by the argument; callers set
    AlignNL.iCoeff and AlignNL.iBasis to match first.
-   Pinned by SetAlignNLValue.TheMapFollowsTheRecordsCurrentCoefficient. */
+   Pinned by SetAlignNLValue.ChangesTheMapOnlyInsideTheBasisBox. */
 /* The factors of the basis that Set_AlignNL_Value changed last: the optimizer changes one
    coefficient several times in a row. They are made again when the box, the half-widths or the
    basis's per-axis parity differ. */

@@ -115,7 +115,8 @@ void action_clear_wires(void)
 
 /* Moves the overlay by one voxel along axis (0 x, 1 y, 2 z). Deliberate: the wrap handles
    exactly one voxel beyond each face (below 0 -> size-1, size -> 0), all a unit step needs.
-   Pinned by MoveOverlay.LeavingAtXZeroReentersAtTheLastColumn. */
+   Pinned by the overlay moves of
+   tests/blackbox/panel_session.py. */
 void move_overlay_in_one_direction(int axis, int step)
 {
     if (ovl_root.npts == 0) return;

@@ -130,7 +130,7 @@ static int read_and_compare(const char *value, POINT3D stored, const char *keywo
         return 1;
     }
     /* Deliberate: exact float equality after parsing, so a value that "%g" cannot carry
-       (1/3, say) is refused by the same program. Pinned by Recall.UnprintableResolutionRefused. */
+       (1/3, say) is refused by the same program. */
     if (!(p.x == stored.x && p.y == stored.y && p.z == stored.z)) {
         printf("Error: the new %s (%g,%g,%g) does not match the template (%g,%g,%g)\n", what, p.x, p.y,
                p.z, stored.x, stored.y, stored.z);
@@ -195,7 +195,7 @@ int recall_alignment_parameters_from(const char *file_name)
             IPOINT3D d;
             if (sscanf(value, "%d %d %d", &d.x, &d.y, &d.z) != 3) {
                 /* Deliberate: the orientation keyword is named here.
-                   Pinned by Recall.MalformedMatrixNamesOrientation. */
+                   Pinned by Recall.BadValuesPrintTheirMessages. */
                 printf("Error reading the value of `set registration-orientation'\n");
                 return recall_failed(fp);
             }
@@ -230,7 +230,7 @@ int recall_alignment_parameters_from(const char *file_name)
             if (read_three_values(value, 6, "registration-inflations")) return recall_failed(fp);
         } else if (strcmp(keyword, "registration-skews") == 0) {
             /* Deliberate: the inflations text; there is no skews message.
-               Pinned by Recall.MalformedSkewsNamesInflations. */
+               Pinned by Recall.BadValuesPrintTheirMessages. */
             if (read_three_values(value, 9, "registration-inflations")) return recall_failed(fp);
         } else if (strcmp(keyword, "registration-distortions") == 0) {
             /* The header reader strips the line feed from the name in place; the cleaned

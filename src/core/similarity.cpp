@@ -194,7 +194,7 @@ static float mutual_information_affine(const float *tpl, const float *ind, size_
 /* (sum I*T / sqrt(sum I^2)) / sqrt(sum T^2) / n over the taking-part voxels, raw values, float
    sums. Deliberate: no centring, and the quotient is divided once more by the voxel count n
    (the optimizer's thresholds are relative changes of this number).
-   Pinned by CostFunction.CorrelationOfEqualVolumesIsOneOverN. */
+   Pinned by CostFunction.CorrelationIsNotCentredAndIsDividedByTheCount. */
 static float normalized_correlation(const float *tpl, const float *ind, size_t n3d)
 {
     float sum_ii = 0.0f, sum_tt = 0.0f, sum_it = 0.0f, n = 0.0f;

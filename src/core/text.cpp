@@ -283,7 +283,8 @@ int help_menu(int chained, const char *file)
             continue;
         }
         /* Deliberate: any other answer is "b" inside a menu and "q" at the main menu, so q
-           inside a menu only goes back one level. Pinned by HelpMenu.QInsideAMenuGoesBack. */
+           inside a menu only goes back one level. Pinned by the
+           black-box test driver_help_menu. */
         if (menu != 0) {
             if (item != 0) item = 0;
             else menu = 0;

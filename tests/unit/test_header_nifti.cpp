@@ -45,6 +45,9 @@ TEST(ReadNiftiHeader, Method1ScalesFromVoxelZero)
     f.h.scl_inter = 10.0f;
     f.h.quatern_c = 0.5f;
     f.h.pixdim[0] = -1.0f;
+    f.h.sform_code = 1;  // without a qform the sform is ignored, even when it is set
+    f.h.srow_x[0] = 9.0f;
+    f.h.srow_x[3] = 99.0f;
     Read r = write_and_read("a.nii", f);
     ASSERT_EQ(r.result, 0);
     EXPECT_EQ(r.out, "The NIFTI header for file a.nii uses Method 1: the old analyze format\n");

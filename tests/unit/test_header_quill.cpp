@@ -68,6 +68,15 @@ TEST(GetExtension, ClassifiesTheTextAfterTheLastDotExactly)
     CaptureStdout();
     EXPECT_EQ(get_extension(bare, &type), 1);
     EXPECT_EQ(GetCapturedStdout(), "The file name has no extension!\n");
+    // the caller's own strings are cut: a trailing newline by get_extension, the extension by
+    // quill_format
+    char typed[] = "scan.bfloat\n";
+    EXPECT_EQ(get_extension(typed, &type), 0);
+    EXPECT_EQ(type, 2);
+    EXPECT_STREQ(typed, "scan.bfloat");
+    char output[] = "dir.v2/out.bshort";
+    quill_format(output);
+    EXPECT_STREQ(output, "dir.v2/out");
 }
 
 TEST(DecodeQuillHeaderKeyword, BadLinesAreErrorsWithTheirMessages)
@@ -91,6 +100,14 @@ TEST(DecodeQuillHeaderKeyword, BadLinesAreErrorsWithTheirMessages)
     EXPECT_EQ(reg.result, 1);
     EXPECT_EQ(reg.out, "Error: arguments for registration are\n1) paxinos-rat, and\n"
                        "2) nothing else (paxinos-monkey later?)\n");
+    // naming the registration space makes the data magnitude again
+    QL_HEADER h;
+    set_header_defaults(&h);
+    char complex_line[] = "data-type complex", space_line[] = "registration paxinos-rat";
+    ASSERT_EQ(decode_quill_header_keyword(complex_line, &h), 0);
+    ASSERT_NE(h.data_type, 0);
+    EXPECT_EQ(decode_quill_header_keyword(space_line, &h), 0);
+    EXPECT_EQ(h.data_type, 0);
 }
 
 TEST(ReadVolumeHeader, QuillHeaderGivesTheGeometryAndTheDerivedSizes)
