@@ -233,7 +233,7 @@ def read_table(path, default_mask, default_nonlinear, default_search):
         if not line.strip() or line.lstrip().startswith("#"):
             continue
         cells = [c.strip() for c in line.split("\t")]
-        where = "%s line %d" % (path, number)
+        where = "line %d" % number
         if not header_done:
             header_done = True
             if cells[0].lower() in HEADER_IDS:
@@ -292,7 +292,7 @@ def read_table(path, default_mask, default_nonlinear, default_search):
         shown = problems[:20]
         if len(problems) > 20:
             shown.append("... and %d more" % (len(problems) - 20))
-        raise Failure("the subject table has problems:\n  " + "\n  ".join(shown))
+        raise Failure("problems in the subject table %s:\n  %s" % (path, "\n  ".join(shown)))
     if not subjects:
         raise Failure("the subject table %s lists no subjects" % path)
     return subjects
