@@ -1,12 +1,13 @@
 # A one-node Slurm cluster on this machine for the tests, sourced by bash scripts.
-#   slurm_cluster_start DIR   starts munged (as the munge user, on its own socket and key), slurmctld
-#                             and slurmd (as root, with a slurm.conf written into DIR, on two free
-#                             ports), waits until the node is idle and a trivial array job has run.
-#                             Exports SLURM_CONF. Returns 1 with the reason in $slurm_cluster_reason
-#                             when the daemons cannot start here (the caller skips).
-#   slurm_cluster_stop        cancels the jobs left, stops the three daemons it started (by their
-#                             process ids, waiting for each) and prints nothing on success.
-# Nothing outside DIR is written; the machine's own /etc/slurm and /run/munge are not touched.
+#   slurm_cluster_start   starts munged (as the munge user, on its own socket and key), slurmctld
+#                         and slurmd (as root, with a slurm.conf of their own, on two free ports),
+#                         all in a new directory under /tmp (the munge user must reach it), waits
+#                         until the node is idle and a trivial array job has run. Exports
+#                         SLURM_CONF. Returns 1 with the reason in $slurm_cluster_reason when the
+#                         daemons cannot start here (the caller skips).
+#   slurm_cluster_stop    cancels the jobs left, stops the three daemons it started (by their
+#                         process ids, waiting for each) and removes the directory.
+# Nothing else is written; the machine's own /etc/slurm and /run/munge are not touched.
 
 slurm_cluster_pids=""
 slurm_cluster_dir=""
@@ -50,8 +51,7 @@ _slurm_node_idle() {
 }
 
 slurm_cluster_start() {
-    slurm_cluster_dir=$1
-    local d=$1 tool
+    local d tool
     if [ "$(id -u)" != 0 ]; then
         _slurm_cluster_fail "not root: slurmd and a munged under the munge user need root"; return 1
     fi
@@ -61,6 +61,8 @@ slurm_cluster_start() {
     id munge > /dev/null 2>&1 || { _slurm_cluster_fail "there is no munge user"; return 1; }
 
     # munged checks that its directories are not writable by others and that the key is private.
+    d=$(mktemp -d /tmp/align-slurm-XXXXXX) || { _slurm_cluster_fail "cannot make a directory in /tmp"; return 1; }
+    slurm_cluster_dir=$d
     chmod 755 "$d"
     mkdir -p "$d/munge" "$d/state" "$d/spool"
     head -c 1024 /dev/urandom > "$d/munge/munge.key"
@@ -137,7 +139,7 @@ EOF
 }
 
 slurm_cluster_stop() {
-    [ -n "$slurm_cluster_pids" ] || return 0
+    [ -n "$slurm_cluster_dir" ] || return 0
     if [ -n "${SLURM_CONF:-}" ] && [ -f "$SLURM_CONF" ]; then
         scancel --full --quiet --partition=aligntest > /dev/null 2>&1
         _slurm_wait_for 20 sh -c '[ -z "$(squeue -h 2>/dev/null)" ]'
@@ -151,4 +153,6 @@ slurm_cluster_stop() {
         wait "$pid" 2>/dev/null
     done
     slurm_cluster_pids=""
+    rm -rf "$slurm_cluster_dir"
+    slurm_cluster_dir=""
 }
