@@ -587,21 +587,19 @@ def clock(seconds):
 
 
 class Progress:
-    """Counts finished subjects and estimates the time left from the ones done so far."""
+    """Counts finished subjects; the time left is estimated from the rate so far."""
 
-    def __init__(self, total, at_once):
-        self.total, self.at_once, self.done, self.start = total, at_once, 0, time.time()
+    def __init__(self, total):
+        self.total, self.done, self.start = total, 0, time.time()
 
     def finished(self, text):
         self.done += 1
         elapsed = time.time() - self.start
         left = ""
         if self.done < self.total:
-            waves = -(-(self.total - self.done) // max(1, self.at_once))
-            per_wave = elapsed / max(1, -(-self.done // max(1, self.at_once)))
-            left = ", about %s left" % clock(waves * per_wave)
-        width = len(str(self.total))
-        note("[%*d/%d] %s (%s elapsed%s)" % (width, self.done, self.total, text, clock(elapsed), left))
+            left = ", about %s left" % clock(elapsed / self.done * (self.total - self.done))
+        note("[%*d/%d] %s (%s elapsed%s)" % (len(str(self.total)), self.done, self.total, text,
+                                            clock(elapsed), left))
 
 
 def run_parallel(args, out, script, count):
@@ -624,7 +622,7 @@ def run_parallel(args, out, script, count):
          % (count, jobs, out))
     command = [parallel, "--will-cite", "--jobs", str(jobs), "--halt", "never",
                "bash", script, ":::"] + [str(i) for i in range(count)]
-    progress = Progress(count, jobs)
+    progress = Progress(count)
     process = subprocess.Popen(command, stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
                                text=True, env=env, start_new_session=False)
     try:
@@ -677,20 +675,26 @@ def squeue_states(job):
 
 
 def wait_for_slurm(out, job, subjects):
-    progress = Progress(len(subjects), len(subjects))
+    progress = Progress(len(subjects))
     reported, last_states, unknown_since = set(), None, None
     while True:
         states = squeue_states(job)
         for s in subjects:
             if s.id in reported:
                 continue
-            result = read_exit_status(subject_dir(out, s))
-            if result is not None:
-                reported.add(s.id)
-                status, seconds = result
-                progress.finished("%s: done in %d s" % (s.id, seconds) if status == 0 else
-                                  "%s: FAILED with status %d after %d s, see %s"
-                                  % (s.id, status, seconds, os.path.join(subject_dir(out, s), "log.txt")))
+            d = subject_dir(out, s)
+            result = read_exit_status(d)
+            if result is None:
+                continue
+            reported.add(s.id)
+            status, seconds = result
+            log = os.path.join(d, "log.txt")
+            if status != 0:
+                progress.finished("%s: FAILED with status %d after %d s, see %s" % (s.id, status, seconds, log))
+            elif read_json(os.path.join(d, "summary.json")) is None:
+                progress.finished("%s: FAILED: align-batch wrote no summary.json, see %s" % (s.id, log))
+            else:
+                progress.finished("%s: done in %d s" % (s.id, seconds))
         if states is None:
             unknown_since = unknown_since or time.time()
             if time.time() - unknown_since > 600:
