@@ -980,9 +980,11 @@ def interrupted(number, frame):
 
 
 if __name__ == "__main__":
-    # A termination request is handled as an interrupt from the terminal: runs stop, the report is written.
-    signal.signal(signal.SIGTERM, interrupted)
-    signal.signal(signal.SIGHUP, interrupted)
+    # A termination request is handled as an interrupt from the terminal: runs stop, the report
+    # is written. Signals ignored by whoever started us (nohup, a background job) stay ignored.
+    for caught in (signal.SIGTERM, signal.SIGHUP):
+        if signal.getsignal(caught) != signal.SIG_IGN:
+            signal.signal(caught, interrupted)
     try:
         sys.exit(main(sys.argv[1:]))
     except Failure as failure:
