@@ -18,6 +18,9 @@ for _ in $(seq 1 1200); do
     sleep 0.1
 done
 [ -s out/rat-a/summary.json ] || { cat first.txt; fail "rat-a was not aligned by the first run"; }
+# A second run into the same directory while the first goes on is refused.
+"${run[@]}" > concurrent.txt 2>&1 && fail "a second run started beside the first"
+grep -q "is in use by process $pid on this machine" concurrent.txt || { cat concurrent.txt; fail "no message about the run in progress"; }
 kill -TERM "$pid"
 wait "$pid"
 status=$?
@@ -33,6 +36,10 @@ for id in rat_b rat.c; do
     [ ! -e "out/$id/summary.json" ] || fail "$id looks complete after the interruption"
 done
 touch -d '2001-01-01' out/rat-a/summary.json   # a skipped subject keeps this date
+# The lock of a run that was killed outright does not stop the next one.
+dead=$(sh -c 'echo $$')
+printf '{"engine": "parallel", "pid": %s, "host": "%s"}\n' "$dead" "$(python3 -c 'import socket; print(socket.gethostname())')" \
+    > out/.align-cohort.lock
 
 # The resumed run: rat-a skipped, the others run two at a time.
 start=$(date +%s)
