@@ -2,8 +2,8 @@
 """align-cohort: aligns many subjects to one template by running align-batch once per subject,
 through GNU parallel on a workstation or as one Slurm array job, and collects a report.
 
-Standard library only. Writes OUT/<subject>/ (align-batch's outputs, log.txt, exit-status,
-subject.json), OUT/cohort-job.sh (the job script), OUT/report.tsv and OUT/report.html."""
+Standard library only. Writes OUT/<subject>/ (align-batch's outputs, log.txt, exit-status),
+OUT/cohort-job.sh (the job script), OUT/report.tsv and OUT/report.html."""
 
 import argparse
 import datetime
@@ -151,9 +151,9 @@ class Subject:
         self.state = None     # set by plan(): "complete" or "run"
 
     def settings(self, template):
-        """What the alignment depends on; kept in OUT/<id>/subject.json and compared on resume."""
-        return {"id": self.id, "individual": self.individual, "template": template,
-                "mask": self.mask, "nonlinear": self.nonlinear, "search": self.search}
+        """What the alignment depends on, as align-batch's summary.json records it."""
+        return {"individual": self.individual, "template": template, "mask": self.mask,
+                "nonlinear": self.nonlinear, "search": self.search}
 
     def batch_arguments(self):
         """align-batch's options after INDIVIDUAL TEMPLATE --out DIR."""
@@ -312,28 +312,18 @@ def read_json(path):
     return value if isinstance(value, dict) else None
 
 
-def differences(recorded, wanted):
-    """Names of the settings that differ, in a readable form."""
-    out = []
-    for key in ("individual", "template", "mask", "nonlinear", "search"):
-        if recorded.get(key) != wanted.get(key):
-            out.append("%s %s, now %s" % (key, json.dumps(recorded.get(key)), json.dumps(wanted.get(key))))
-    return out
-
-
 def subject_dir(out, subject):
     return os.path.join(out, subject.id)
 
 
 def classify(out, subject, template):
-    """("complete", None), ("stale", reasons) or ("run", None) for one subject directory."""
-    d = subject_dir(out, subject)
-    if read_json(os.path.join(d, "summary.json")) is None:
+    """("complete", None), ("stale", reasons) or ("run", None) for one subject directory.
+    Complete: align-batch's summary.json (written last) parses and records the inputs and
+    options asked for now."""
+    summary = read_json(os.path.join(subject_dir(out, subject), "summary.json"))
+    if summary is None:
         return "run", None
-    recorded = read_json(os.path.join(d, "subject.json"))
-    if recorded is None:
-        return "stale", ["no subject.json records the settings it was made with"]
-    diff = differences(recorded, subject.settings(template))
+    diff = summary_mismatch(summary, subject.settings(template))
     return ("stale", diff) if diff else ("complete", None)
 
 
@@ -384,25 +374,40 @@ def number(value):
 
 
 def summary_values(summary):
-    """(similarity, folded voxels, {parameter: value}, seconds) from a summary.json object."""
-    similarity = None
-    levels = summary.get("similarity")
-    if isinstance(levels, list) and levels:
-        last = levels[-1]
-        similarity = number(last.get("similarity") if isinstance(last, dict) else last)
-    elif number(levels) is not None:
-        similarity = levels
-    folded = number(summary.get("folded_voxels"))
-    parameters = {}
-    raw = summary.get("parameters")
-    if isinstance(raw, dict):
-        for name in PARAMETERS:
-            parameters[name] = number(raw.get(name))
-    seconds = None
-    times = summary.get("times")
-    if isinstance(times, dict):
-        seconds = number(times.get("total"))
-    return similarity, folded, parameters, seconds
+    """(similarity, folded voxels, {parameter: value}, seconds) from align-batch's summary.json;
+    None where the summary has no such value (folded voxels without a non-linear stage)."""
+    def group(name):
+        value = summary.get(name)
+        return value if isinstance(value, dict) else {}
+
+    similarity = number(group("similarity").get("final"))
+    folded = number(group("deformation").get("folded_voxels"))
+    values = []
+    for key in ("translations_mm", "rotations_degrees", "inflations", "skews"):
+        triple = group("parameters").get(key)
+        values += [number(v) for v in triple] if isinstance(triple, list) and len(triple) == 3 else [None] * 3
+    seconds = number(group("seconds").get("total"))
+    return similarity, folded, dict(zip(PARAMETERS, values)), seconds
+
+
+def summary_mismatch(summary, settings):
+    """What differs between align-batch's record of its inputs and options and the subject's
+    settings now; a summary that records no individual or template cannot be matched."""
+    if not isinstance(summary.get("individual"), str) or not isinstance(summary.get("template"), str):
+        return ["its summary.json does not name the individual and the template"]
+    out = []
+    for key in ("individual", "template", "mask"):
+        recorded, wanted = summary.get(key), settings[key]
+        if isinstance(recorded, str) and isinstance(wanted, str):
+            # The same file under either name (a link in the path, or "a/../b").
+            recorded, wanted = os.path.realpath(recorded), os.path.realpath(wanted)
+        if recorded != wanted:
+            out.append("%s %s, now %s" % (key, json.dumps(summary.get(key)), json.dumps(settings[key])))
+    if bool(summary.get("nonlinear")) != settings["nonlinear"]:
+        out.append("nonlinear %s, now %s" % (json.dumps(summary.get("nonlinear")), json.dumps(settings["nonlinear"])))
+    if summary.get("search", "accurate") != (settings["search"] or "accurate"):
+        out.append("search %s, now %s" % (json.dumps(summary.get("search")), json.dumps(settings["search"] or "accurate")))
+    return out
 
 
 # --------------------------------------------------------------------------------------------
@@ -786,7 +791,7 @@ tr.ok td.status { background: #d8f0d8; }
 tr.failed td, tr.incomplete td, tr.not-run td { background: #fbe0e0; }
 td.status { font-weight: bold; }
 tr.failed td.status, tr.incomplete td.status, tr.not-run td.status { color: #a00000; }
-td.qc img { max-width: 1200px; width: 100%; }
+td.qc img { width: 800px; max-width: 100%; }
 pre { font-size: 85%; white-space: pre-wrap; max-width: 1000px; }
 .warn { color: #a06000; font-weight: bold; }
 """
@@ -810,7 +815,8 @@ def report_html(rows, template, table, settings_text):
         parts.append("<p>Not aligned: %s</p>" % ", ".join(
             "<a href=\"#%s\">%s</a> (%s)" % (e(r["id"]), e(r["id"]), e(r["status"])) for r in bad))
     parts.append("<table><tr><th>subject</th><th>status</th><th>similarity</th>"
-                 "<th>folded voxels</th><th>time</th><th>QC picture (after and before alignment)</th></tr>")
+                 "<th>folded voxels</th><th>time</th><th>QC picture: the template with the individual's edges, "
+                 "before (top) and after (bottom) alignment; click for full size</th></tr>")
     for r in rows:
         folded = fmt(r["folded"])
         if r["folded"]:
@@ -940,7 +946,6 @@ def main(argv):
                 # An exit status from an earlier run must not be taken for this run's.
                 if os.path.exists(os.path.join(d, "exit-status")):
                     os.unlink(os.path.join(d, "exit-status"))
-                write_file(os.path.join(d, "subject.json"), json.dumps(s.settings(template), indent=1) + "\n")
             script = os.path.join(out, "cohort-job.sh")
             write_file(script, job_script(args, out, template, align_batch, pending, table), 0o755)
             if args.engine == "parallel":
