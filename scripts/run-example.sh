@@ -4,13 +4,15 @@
 # ch2bet brain of Debian's mricron-data; the individual is the ch2 head moved by a known affine
 # transform (made by the project's tool make_test_volumes). align runs in batch mode: it prints
 # the parameter table as the search converges and saves align.com. At the end the known and the
-# recovered transforms are shown side by side, with the mapping error over the brain.
+# recovered transforms are shown side by side, with the mapping error over the brain, and
+# align-apply brings the individual into the template's space with the recovered alignment.
 set -euo pipefail
 top="$(cd "$(dirname "$0")/.." && pwd)"
 build="$(bash "$top/scripts/setup.sh" | tail -n 1)"
 cmake --install "$build" --prefix "$top/install" > /dev/null
 export QOR_HOME="$top/install"
 align="$top/install/bin/align"
+align_apply="$top/install/bin/align-apply"
 make_vol="$build/make_test_volumes"
 
 # the known transform: translations (mm), rotations (degrees), inflations, skews
@@ -45,3 +47,7 @@ awk -v k="${known[*]}" '
             printf "%-13s %-28s %s\n", names[i], kv[3*i-2] " " kv[3*i-1] " " kv[3*i], rec[names[i]] }
     }' align.com
 "$make_vol" mapping-error ch2bet.nii align.com "${known[@]}"
+
+echo
+echo "\$ align-apply --template ch2bet.nii --alignment align.com moved_ch2.nii aligned_ch2.nii.gz"
+"$align_apply" --template ch2bet.nii --alignment align.com moved_ch2.nii aligned_ch2.nii.gz

@@ -5,15 +5,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <unistd.h>
 #include <vector>
+#include <algorithm>
 
 #include <nifti1.h>
-#include <zlib.h>
 
 #include "align_model.h"
 #include "globals.h"
+#include "numerics.h"
+#include "persist.h"
 #include "volume.h"
 #include "volume_load.h"
 
@@ -29,67 +29,55 @@ static void usage(void)
            "      (the individual is taken to share the template's grid). When align.com names a\n"
            "      distortion file (registration-distortions), its displacements are added to the\n"
            "      recovered mapping. Prints \"mean_error_mm <m>\" and \"max_error_mm <m>\".\n"
+           "  make_test_volumes warped <in.nii[.gz]> <out.nii> amp_mm tx ty tz phi_xy phi_xz phi_yz sx sy sz [kxy kxz kyz]\n"
+           "      as moved, with a smooth displacement d(p) of amplitude amp_mm added to the affine image of\n"
+           "      each template point p (centred mm): d = amp (sin(pi py/80) cos(pi pz/90),\n"
+           "      sin(pi pz/70) cos(pi px/80), 0.8 sin(pi px/75) cos(pi py/100)).\n"
+           "  make_test_volumes truth-field <template.nii[.gz]> <field.nii> amp_mm tx ty tz ... [kxy kxz kyz]\n"
+           "      the true mapping of a moved (amp_mm 0) or warped volume as three float volumes on the\n"
+           "      template grid: the individual's point minus the template's point, x, y, z, in the\n"
+           "      centred frame (mm).\n"
+           "  make_test_volumes mapping-error <template.nii[.gz]> <align.com> --truth <field.nii>\n"
+           "      as mapping-error, the true mapping read from a truth-field file.\n"
            "  make_test_volumes halve <in.nii[.gz]> <out.nii>\n"
            "      averages the 2 mm cube around each new voxel (2x2x2 blocks for even sizes) and\n"
            "      doubles the voxel size; n voxels become n/2 with the same centred frame.\n"
            "  make_test_volumes shifted-phantom <shift_mm> <ind.nii> <tpl.nii>\n"
            "      a 48^3 phantom of 2 mm voxels (tpl.nii) and the same moved by shift_mm along x\n"
-           "      (ind.nii); prints the parameters that undo the shift: \"translation <x> 0 0\".\n");
+           "      (ind.nii); prints the parameters that undo the shift: \"translation <x> 0 0\".\n"
+           "  make_test_volumes align-com <template.nii[.gz]> <warp_mm> tx ty tz phi_xy phi_xz phi_yz sx sy sz [kxy kxz kyz]\n"
+           "      writes align.com in the current directory as align saves it, for the template's grid\n"
+           "      and these parameters. With warp_mm > 0 it also writes distortions.nii (named by\n"
+           "      align.com): the smooth displacement d_x = w sin(pi u_y) sin(pi u_z), d_y = w sin(pi u_z)\n"
+           "      sin(pi u_x), d_z = w sin(pi u_x) sin(pi u_y) in mm, u = voxel index / (size - 1).\n");
 }
 
-/* A ".gz" name is unpacked into a temporary ".nii" first; returns the name to read. */
-static std::string unpacked_name(const char *name, std::string *temporary)
-{
-    size_t n = strlen(name);
-    if (n < 3 || strcmp(name + n - 3, ".gz") != 0) return name;
-    char tmpl[] = "/tmp/make_test_volumes-XXXXXX";
-    int fd = mkstemp(tmpl);
-    if (fd < 0) return "";
-    close(fd);
-    unlink(tmpl);
-    std::string out = std::string(tmpl) + ".nii";
-    gzFile in = gzopen(name, "rb");
-    FILE *fp = fopen(out.c_str(), "wb");
-    if (in == NULL || fp == NULL) {
-        if (in) gzclose(in);
-        if (fp) fclose(fp);
-        return "";
-    }
-    char buffer[65536];
-    int got;
-    while ((got = gzread(in, buffer, sizeof buffer)) > 0) fwrite(buffer, 1, (size_t)got, fp);
-    gzclose(in);
-    fclose(fp);
-    *temporary = out;
-    return out;
-}
-
+/* Reads a volume (".nii.gz" included) with the program's own reader. */
 static int read_volume(const char *name, data_stack *stack)
 {
-    std::string temporary, path = unpacked_name(name, &temporary);
-    if (path.empty()) {
-        printf("Error: cannot unpack %s\n", name);
-        return 1;
-    }
     file_list list;
     memset(&list, 0, sizeof list);
-    add_image_file(&list, path.c_str(), 0, 0);
+    add_image_file(&list, name, 0, 0);
     int nfiles = 0;
-    int status = read_SpaceTime_data(0, stack, &list, &nfiles);
-    if (!temporary.empty()) unlink(temporary.c_str());
-    return status;
+    return read_SpaceTime_data(0, stack, &list, &nfiles);
 }
 
+static int write_float_nifti_nt(const char *name, IPOINT3D dim, POINT3D res, int nt, const float *data);
 static int write_float_nifti(const char *name, IPOINT3D dim, POINT3D res, const float *data)
+{
+    return write_float_nifti_nt(name, dim, res, 1, data);
+}
+
+static int write_float_nifti_nt(const char *name, IPOINT3D dim, POINT3D res, int nt, const float *data)
 {
     nifti_1_header h;
     memset(&h, 0, sizeof h);
     h.sizeof_hdr = 348;
-    h.dim[0] = 3;
+    h.dim[0] = nt > 1 ? 4 : 3;
     h.dim[1] = (short)dim.x;
     h.dim[2] = (short)dim.y;
     h.dim[3] = (short)dim.z;
-    h.dim[4] = 1;
+    h.dim[4] = (short)nt;
     h.datatype = DT_FLOAT32;
     h.bitpix = 32;
     h.pixdim[0] = 1.0f;
@@ -106,7 +94,7 @@ static int write_float_nifti(const char *name, IPOINT3D dim, POINT3D res, const 
         return 1;
     }
     char extender[4] = {0, 0, 0, 0};
-    size_t n = (size_t)dim.x * dim.y * dim.z;
+    size_t n = (size_t)dim.x * dim.y * dim.z * (size_t)nt;
     int ok = fwrite(&h, 348, 1, fp) == 1 && fwrite(extender, 4, 1, fp) == 1 && fwrite(data, sizeof(float), n, fp) == n;
     if (fclose(fp) != 0) ok = 0;
     if (!ok) {
@@ -159,12 +147,17 @@ static int invert(const dmat a, dmat out)
 
 /* The program's template-voxel -> individual-voxel mapping for parameters p on one grid:
    centred space-to-voxel . Affine . centred voxel-to-space. */
-static void voxel_mapping(const float p[12], int rigid_body, const data_stack &grid, dmat out)
+/* Quarter turns and z swap of the recovered parameters (align.com's registration-orientation);
+   the true parameters have none. */
+static IPOINT3D recovered_orientation = {0, 0, 0};
+static int recovered_swap_z = 0;
+
+static void voxel_mapping(const float p[12], int rigid_body, const data_stack &grid, dmat out, int recovered = 0)
 {
     for (int j = 0; j < 12; j++) Alignment.value[j] = p[j];
     Alignment.RigidBody = rigid_body;
-    Alignment.OrientRotation = {0, 0, 0};
-    Alignment.OrientSwapZ = 0;
+    Alignment.OrientRotation = recovered ? recovered_orientation : IPOINT3D{0, 0, 0};
+    Alignment.OrientSwapZ = recovered ? recovered_swap_z : 0;
     define_affine_matrix();
     mat44 to_space = centered_ijk_to_xyz(grid);
     dmat c, ci, a;
@@ -265,6 +258,9 @@ static int read_align_com(const char *name, float p[12], int *rigid_body, char d
         if (strcmp(keyword, "registration-type") == 0 && sscanf(line, "%*s %*s %1023s", type) == 1)
             *rigid_body = strcmp(type, "deck-of-cards") == 0 ? 0 : 1;
         if (strcmp(keyword, "registration-distortions") == 0) sscanf(line, "%*s %*s %1023s", distortions);
+        if (strcmp(keyword, "registration-orientation") == 0)
+            sscanf(line, "%*s %*s %d %d %d %d", &recovered_orientation.x, &recovered_orientation.y,
+                   &recovered_orientation.z, &recovered_swap_z);
         for (int k = 0; k < 4; k++)
             if (strcmp(keyword, names[k]) == 0 && sscanf(line, "%*s %*s %f %f %f", &a, &b, &c) == 3) {
                 p[3 * k] = a;
@@ -285,13 +281,26 @@ static int command_mapping_error(int argc, char **argv)
 {
     float truth[12], recovered[12];
     int rigid_body;
-    if (argc < 4 || read_parameters(argc, argv, 4, truth)) {
+    int from_field = argc == 6 && strcmp(argv[4], "--truth") == 0;
+    if (argc < 4 || (!from_field && read_parameters(argc, argv, 4, truth))) {
         usage();
         return 1;
     }
+    if (from_field)
+        for (int j = 0; j < 12; j++) truth[j] = (j >= 6 && j <= 8) ? 1.0f : 0.0f;
     data_stack tpl;
     memset(&tpl, 0, sizeof tpl);
     if (read_volume(argv[2], &tpl)) return 1;
+    /* the true mapping from a truth-field file: individual point minus template point, mm */
+    data_stack field;
+    memset(&field, 0, sizeof field);
+    if (from_field) {
+        if (read_volume(argv[5], &field)) return 1;
+        if (field.dim.x != tpl.dim.x || field.dim.y != tpl.dim.y || field.dim.z != tpl.dim.z || field.nt < 3) {
+            printf("Error: %s does not hold three maps on the template grid\n", argv[5]);
+            return 1;
+        }
+    }
     char distortion_name[1024];
     if (read_align_com(argv[3], recovered, &rigid_body, distortion_name)) return 1;
     /* The deformation found by the non-linear alignment: x, y, z maps in mm on the template
@@ -310,9 +319,10 @@ static int command_mapping_error(int argc, char **argv)
     }
     dmat true_map, found_map;
     voxel_mapping(truth, 1, tpl, true_map);
-    voxel_mapping(recovered, rigid_body, tpl, found_map);
+    voxel_mapping(recovered, rigid_body, tpl, found_map, 1);
     double sum = 0.0, largest = 0.0;
     long count = 0;
+    std::vector<float> errors;
     for (int z = 0; z < tpl.dim.z; z++)
         for (int y = 0; y < tpl.dim.y; y++)
             for (int x = 0; x < tpl.dim.x; x++) {
@@ -320,6 +330,11 @@ static int command_mapping_error(int argc, char **argv)
                 if (tpl.SpaceTime.fData[i] == 0.0f) continue;
                 double a[3], b[3];
                 apply(true_map, x, y, z, a);
+                if (from_field) {
+                    a[0] = x + field.SpaceTime.fData[i] / tpl.resolution.x;
+                    a[1] = y + field.SpaceTime.fData[(size_t)tpl.n3d + i] / tpl.resolution.y;
+                    a[2] = z + field.SpaceTime.fData[2 * (size_t)tpl.n3d + i] / tpl.resolution.z;
+                }
                 apply(found_map, x, y, z, b);
                 /* in mm: the centred frame scales voxel differences by the voxel size */
                 double dx = (a[0] - b[0]) * tpl.resolution.x, dy = (a[1] - b[1]) * tpl.resolution.y,
@@ -330,6 +345,7 @@ static int command_mapping_error(int argc, char **argv)
                     dz -= shift[2][i];
                 }
                 double d = sqrt(dx * dx + dy * dy + dz * dz);
+                errors.push_back((float)d);
                 sum += d;
                 if (d > largest) largest = d;
                 count++;
@@ -343,7 +359,120 @@ static int command_mapping_error(int argc, char **argv)
     printf("voxels %ld\n", count);
     printf("mean_error_mm %.4f\n", sum / count);
     printf("max_error_mm %.4f\n", largest);
+    std::sort(errors.begin(), errors.end());
+    printf("median_error_mm %.4f\n", errors[errors.size() / 2]);
+    printf("p90_error_mm %.4f\n", errors[errors.size() * 9 / 10]);
     return 0;
+}
+
+/* The smooth displacement of the warped test volumes at centred template point p (mm). */
+static void test_warp(double amp, const double p[3], double d[3])
+{
+    d[0] = amp * sin(M_PI * p[1] / 80.0) * cos(M_PI * p[2] / 90.0);
+    d[1] = amp * sin(M_PI * p[2] / 70.0) * cos(M_PI * p[0] / 80.0);
+    d[2] = 0.8 * amp * sin(M_PI * p[0] / 75.0) * cos(M_PI * p[1] / 100.0);
+}
+
+static void centred_point(const data_stack &g, double x, double y, double z, double p[3])
+{
+    p[0] = (x - (g.dim.x - 1) / 2.0) * g.resolution.x;
+    p[1] = (y - (g.dim.y - 1) / 2.0) * g.resolution.y;
+    p[2] = (z - (g.dim.z - 1) / 2.0) * g.resolution.z;
+}
+
+/* The true template-voxel -> individual-voxel mapping of a warped volume (amp 0: of a moved
+   one) at template voxel (x, y, z), in individual voxels (the grids are the same). */
+static void true_voxel_map(const dmat map, double amp, const data_stack &g, int x, int y, int z, double v[3])
+{
+    apply(map, x, y, z, v);
+    if (amp == 0.0) return;
+    double p[3], d[3];
+    centred_point(g, x, y, z, p);
+    test_warp(amp, p, d);
+    v[0] += d[0] / g.resolution.x;
+    v[1] += d[1] / g.resolution.y;
+    v[2] += d[2] / g.resolution.z;
+}
+
+/* warped <in> <out> amp params: out(q) = in(p) where q is the true image of p. */
+static int command_warped(int argc, char **argv)
+{
+    float p[12];
+    char *end;
+    if (argc < 5 || read_parameters(argc, argv, 5, p)) {
+        usage();
+        return 1;
+    }
+    double amp = strtod(argv[4], &end);
+    if (*end != '\0') {
+        usage();
+        return 1;
+    }
+    data_stack in;
+    memset(&in, 0, sizeof in);
+    if (read_volume(argv[2], &in)) return 1;
+    dmat map, inverse;
+    voxel_mapping(p, 1, in, map);
+    if (invert(map, inverse)) {
+        printf("Error: the parameters give a singular mapping\n");
+        return 1;
+    }
+    std::vector<float> out((size_t)in.n3d, 0.0f);
+    for (int z = 0; z < in.dim.z; z++)
+        for (int y = 0; y < in.dim.y; y++)
+            for (int x = 0; x < in.dim.x; x++) {
+                /* p with map(p) + d(p) = q, by fixed-point iteration from the affine answer */
+                double t[3], q[3] = {(double)x, (double)y, (double)z};
+                apply(inverse, q[0], q[1], q[2], t);
+                for (int it = 0; it < 50; it++) {
+                    double c[3], d[3], r[3];
+                    centred_point(in, t[0], t[1], t[2], c);
+                    test_warp(amp, c, d);
+                    r[0] = q[0] - d[0] / in.resolution.x;
+                    r[1] = q[1] - d[1] / in.resolution.y;
+                    r[2] = q[2] - d[2] / in.resolution.z;
+                    apply(inverse, r[0], r[1], r[2], t);
+                }
+                out[(size_t)x + (size_t)in.dim.x * (y + (size_t)in.dim.y * z)] = trilinear(in, t);
+            }
+    if (write_float_nifti(argv[3], in.dim, in.resolution, out.data())) return 1;
+    printf("warped by %g mm and ", amp);
+    print_parameters("moved by", p);
+    return 0;
+}
+
+/* truth-field <template> <field> amp params: individual point minus template point, in mm. */
+static int command_truth_field(int argc, char **argv)
+{
+    float p[12];
+    char *end;
+    if (argc < 5 || read_parameters(argc, argv, 5, p)) {
+        usage();
+        return 1;
+    }
+    double amp = strtod(argv[4], &end);
+    if (*end != '\0') {
+        usage();
+        return 1;
+    }
+    data_stack tpl;
+    memset(&tpl, 0, sizeof tpl);
+    if (read_volume(argv[2], &tpl)) return 1;
+    dmat map;
+    voxel_mapping(p, 1, tpl, map);
+    size_t n = (size_t)tpl.n3d;
+    std::vector<float> field(3 * n);
+    for (int z = 0; z < tpl.dim.z; z++)
+        for (int y = 0; y < tpl.dim.y; y++)
+            for (int x = 0; x < tpl.dim.x; x++) {
+                double v[3];
+                true_voxel_map(map, amp, tpl, x, y, z, v);
+                size_t i = (size_t)x + (size_t)tpl.dim.x * (y + (size_t)tpl.dim.y * z);
+                field[i] = (float)((v[0] - x) * tpl.resolution.x);
+                field[n + i] = (float)((v[1] - y) * tpl.resolution.y);
+                field[2 * n + i] = (float)((v[2] - z) * tpl.resolution.z);
+            }
+    return write_float_nifti_nt(argv[3], tpl.dim, tpl.resolution, 3, field.data());
 }
 
 /* A head-like phantom in a 96 mm cube: an ellipsoid (zero outside) whose inside varies
@@ -440,6 +569,57 @@ static int command_halve(int argc, char **argv)
     return write_float_nifti(argv[3], n, r, out.data());
 }
 
+static int command_align_com(int argc, char **argv)
+{
+    float p[12];
+    char *end;
+    if (argc < 5 || read_parameters(argc, argv, 4, p)) {
+        usage();
+        return 1;
+    }
+    double warp = strtod(argv[3], &end);
+    if (*end != '\0' || !(warp >= 0.0)) {
+        usage();
+        return 1;
+    }
+    data_stack tpl;
+    memset(&tpl, 0, sizeof tpl);
+    if (read_volume(argv[2], &tpl)) return 1;
+    Alignment.dimension = tpl.dim;
+    Alignment.resolution = tpl.resolution;
+    Alignment.origin = tpl.origin;
+    Alignment.direction = tpl.direction;
+    Alignment.registration = 0;
+    Alignment.RigidBody = 1;
+    Alignment.OrientRotation = {0, 0, 0};
+    Alignment.OrientSwapZ = 0;
+    Alignment.WrapAround = {0, 0, 0};
+    for (int j = 0; j < 12; j++) Alignment.value[j] = p[j];
+    if (warp > 0.0) {
+        /* the saver writes the maps with the geometry of template_ */
+        template_ = tpl;
+        data_stack *maps[3] = {&distort_x, &distort_y, &distort_z};
+        for (data_stack *m : maps) {
+            *m = tpl;
+            m->nt = 1;
+            m->SpaceTime.fData = float_vector(tpl.n3d);
+        }
+        const double pi = 3.141592653589793;
+        for (int z = 0; z < tpl.dim.z; z++)
+            for (int y = 0; y < tpl.dim.y; y++)
+                for (int x = 0; x < tpl.dim.x; x++) {
+                    double ux = sin(pi * x / (tpl.dim.x > 1 ? tpl.dim.x - 1 : 1));
+                    double uy = sin(pi * y / (tpl.dim.y > 1 ? tpl.dim.y - 1 : 1));
+                    double uz = sin(pi * z / (tpl.dim.z > 1 ? tpl.dim.z - 1 : 1));
+                    size_t i = (size_t)x + (size_t)tpl.dim.x * (y + (size_t)tpl.dim.y * z);
+                    distort_x.SpaceTime.fData[i] = (float)(warp * uy * uz);
+                    distort_y.SpaceTime.fData[i] = (float)(warp * uz * ux);
+                    distort_z.SpaceTime.fData[i] = (float)(warp * ux * uy);
+                }
+    }
+    return save_alignment_parameters();
+}
+
 int main(int argc, char **argv)
 {
     if (argc < 2) {
@@ -450,6 +630,9 @@ int main(int argc, char **argv)
     if (strcmp(argv[1], "mapping-error") == 0) return command_mapping_error(argc, argv);
     if (strcmp(argv[1], "shifted-phantom") == 0) return command_shifted_phantom(argc, argv);
     if (strcmp(argv[1], "halve") == 0) return command_halve(argc, argv);
+    if (strcmp(argv[1], "warped") == 0) return command_warped(argc, argv);
+    if (strcmp(argv[1], "truth-field") == 0) return command_truth_field(argc, argv);
+    if (strcmp(argv[1], "align-com") == 0) return command_align_com(argc, argv);
     usage();
     return 1;
 }

@@ -10,53 +10,18 @@
 #include "align_model.h"
 #include "display_hooks.h"
 #include "display_model.h"
-#include "filters.h"
 #include "globals.h"
 #include "overlay_ops.h"
 #include "persist.h"
-#include "prepare.h"
-#include "resample.h"
+#include "session.h"
 #include "side_files.h"
-#include "volume.h"
-#include "volume_load.h"
 #include "x11_display.h"
 
 int run_startup_steps(int number_panels, int batch_mode, char *ovl_name, char *wire_name)
 {
-    int nfiles = 0;
-
     /* the individual is always read before the template */
-    if (individual_files.file_name[0] == '\0') {
-        printf("Error: no files for the individual subject.\n");
-        return 1;
-    }
-    printf("\n");
-    if (read_SpaceTime_data(0, &original_unfiltered, &individual_files, &nfiles) != 0) return 1;
-
-    if (template_files.file_name[0] == '\0') {
-        printf("Error: no files for the template subject.\n");
-        return 1;
-    }
-    printf("\n");
-    if (read_SpaceTime_data(0, &template_unfiltered, &template_files, &nfiles) != 0) return 1;
-
-    if (template_unfiltered.off_diagonal) {
-        printf("Warning: the template file has voxel indices    (i,j,k)\n");
-        printf("         that are not parallel with coordinates (x,y,z)\n.");
-        printf("         When applying the transformation to image data using qor,\n");
-        printf("         output file will have parallel voxels and coordinates.\n");
-        printf("         Modify the template to make these parallel.\n");
-    }
-
-    initialize_mosaic_ovl(number_panels);
-    initialize_alignment();
-
-    /* the two ends of the chain template voxel -> individual voxel */
-    Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_unfiltered);
-    Alignment.xyz_to_ijk = centered_xyz_to_ijk(original_unfiltered);
-
-    filter_image_data();
-    transform_coordinates(1, 0);
+    if (read_session_volumes() != 0) return 1;
+    prepare_session(number_panels);
 
     initialize_selectable_text();
     /* the grey window of both display types, the individual's (type 0) shown at the end */

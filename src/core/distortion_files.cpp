@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <znzlib.h>
 
 #include "globals.h"
 #include "header_quill.h"
@@ -146,27 +147,30 @@ int write_nifti_header(int ntime, char *file_name_root, FILE **file)
    ReadDistortionFile.OtherByteOrderSwapsAndSetsAdjusted. */
 int read_distortion_file(char *file_name, QL_HEADER header)
 {
-    FILE *fp = fopen(file_name, "rb");
-    if (fp == NULL) {
+    /* Maps in a ".nii.gz" file are unpacked by zlib as they are read. */
+    znzFile fp = znzopen(file_name, "rb", is_gzipped_nifti_name(file_name));
+    if (znz_isnull(fp)) {
         printf("\nError: cannot open file %s.\n", file_name);
         return 1;
     }
     if (header.storage_type != 2) {
         printf("\nError: the storage type for distortion file %s should be binary floats\n", file_name);
-        fclose(fp);
+        znzclose(fp);
         return 1;
     }
     long offset = (long)header.voxel_offset;
-    if (fseek(fp, offset, SEEK_SET) != 0) {
+    if (offset < 0 || znzseek(fp, (znz_off_t)offset, SEEK_SET) < 0) {
+        znzclose(fp);
         fflush(stdout);
         fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, file_name);
         exit(1);
     }
     size_t n = (size_t)template_.npts_volume;
-    int short_x = fread(distort_x.SpaceTime.fData, sizeof(float), n, fp) < n;
-    int short_y = fread(distort_y.SpaceTime.fData, sizeof(float), n, fp) < n;
-    int short_z = fread(distort_z.SpaceTime.fData, sizeof(float), n, fp) < n;
+    int short_x = znzread(distort_x.SpaceTime.fData, sizeof(float), n, fp) < n;
+    int short_y = znzread(distort_y.SpaceTime.fData, sizeof(float), n, fp) < n;
+    int short_z = znzread(distort_z.SpaceTime.fData, sizeof(float), n, fp) < n;
     if (short_x && short_y && short_z) {
+        znzclose(fp);
         printf("Error reading the distortion map data from file %s\n", file_name);
         return 1;
     }
@@ -183,6 +187,6 @@ int read_distortion_file(char *file_name, QL_HEADER header)
             if (*vz != 0.0f) AlignNL.Adjusted.z = 1;
         }
     }
-    fclose(fp);
+    znzclose(fp);
     return 0;
 }

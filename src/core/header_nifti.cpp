@@ -1,4 +1,4 @@
-/* NIfTI-1 header reading for ".nii" files and ".hdr"/".img" pairs into the common QL_HEADER:
+/* NIfTI-1 header reading for ".nii" and ".nii.gz" files and ".hdr"/".img" pairs into the common QL_HEADER:
    sizes, spacing, scaling, the value type, the degrees-of-freedom extension and the
    orientation (methods 1, 2 and 3). Writes only the caller's header. No X11. */
 #include "header_nifti.h"
@@ -9,6 +9,7 @@
 
 #include <nifti1.h>
 #include <nifti1_io.h>
+#include <znzlib.h>
 
 #include "header_quill.h"
 #include "volume.h"
@@ -42,22 +43,22 @@ static void swap_used_fields(nifti_1_header *h)
 
 /* Reads the extender after the 348 bytes and, when it announces extensions, the first one.
    A header file that ends right after the 348 bytes has no extender: no extensions. */
-static int read_extension(FILE *fp, QL_HEADER *header)
+static int read_extension(znzFile fp, QL_HEADER *header)
 {
     unsigned char extender[4];
-    if (fread(extender, 1, 4, fp) != 4 || extender[0] == 0) return 0;
+    if (znzread(extender, 1, 4, fp) != 4 || extender[0] == 0) return 0;
 
     int esize, ecode;
-    if (fread(&esize, 4, 1, fp) != 1) {
+    if (znzread(&esize, 4, 1, fp) != 1) {
         printf("Error: A NIFTI1 extension was indicated, but it is missing.\n");
         return 1;
     }
-    if (fread(&ecode, 4, 1, fp) != 1) {
+    if (znzread(&ecode, 4, 1, fp) != 1) {
         printf("Error: A NIFTI1 extension was indicated, but the ecode is missing.\n");
         return 1;
     }
     /* Extension values are taken as stored, whatever the byte order of the header. */
-    if (ecode == DOF_EXTENSION_CODE && fread(&header->lDOF, 4, 1, fp) != 1) {
+    if (ecode == DOF_EXTENSION_CODE && znzread(&header->lDOF, 4, 1, fp) != 1) {
         printf("Error read degrees of freedom.\n");
         return 1;
     }
@@ -76,18 +77,20 @@ int read_nifti_header(char *name, QL_HEADER *header)
         snprintf(hdr_name, sizeof hdr_name, "%s", name);
     }
 
-    FILE *fp = fopen(hdr_name, "rb");
-    if (fp == NULL) {
+    /* A ".nii.gz" file is read through zlib; every other name as a plain file. */
+    znzFile fp = znzopen(hdr_name, "rb", is_gzipped_nifti_name(hdr_name));
+    if (znz_isnull(fp)) {
         printf("Error: cannot open Nifti file %s.\n", hdr_name);
         return 1;
     }
-    if (fread(&h, 348, 1, fp) != 1) {
+    if (znzread(&h, 348, 1, fp) != 1) {
+        znzclose(fp);
         fflush(stdout);
         fprintf(stderr, "\nError reading header file %s\n", hdr_name);
         exit(1);
     }
     int failed = read_extension(fp, header);
-    fclose(fp);
+    znzclose(fp);
     if (failed) return 1;
 
     /* Only the header's byte order is decided here; the data of a NIfTI file keeps the

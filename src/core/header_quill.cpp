@@ -73,6 +73,7 @@ int read_volume_header(char *name, QL_HEADER *header)
     } else if (has_extension(name)) {
         int type;
         if (get_extension(name, &type)) return 1;
+        if (type == FILE_UNKNOWN && is_gzipped_nifti_name(name)) type = FILE_NII;
         if (type == FILE_NII || type == FILE_IMG) {
             header->file_type = type;
             if (read_nifti_header(name, header)) return 1;
@@ -105,6 +106,12 @@ int read_volume_header(char *name, QL_HEADER *header)
     header->n3d = header->n2d * header->dim.z;
     header->n4d = header->n3d * header->nt;
     return 0;
+}
+
+int is_gzipped_nifti_name(const char *name)
+{
+    size_t n = strlen(name);
+    return n >= 7 && strcmp(name + n - 7, ".nii.gz") == 0;
 }
 
 int get_extension(char *name, int *type)

@@ -4,8 +4,8 @@
 
 #include "types.h"
 
-/* Fills header for the data file name: dispatch by name (trailing '_' FreeSurfer, ".nii"/".img"
-   NIfTI-1, anything else a quill header), then xyz_to_ijk, fov, n2d, n3d, n4d. Returns 0, or 1
+/* Fills header for the data file name: dispatch by name (trailing '_' FreeSurfer, ".nii",
+   ".nii.gz" and ".img" NIfTI-1, anything else a quill header), then xyz_to_ijk, fov, n2d, n3d, n4d. Returns 0, or 1
    after the reader's message. Dimensions that are not positive or whose value count exceeds
    what one 32-bit float block can hold are refused with a message. A name's trailing newline
    is cut (see get_extension). */
@@ -17,6 +17,9 @@ int decode_quill_header_keyword(char *line, QL_HEADER *header);
 /* *type = code of the text after the last '.' (1 bshort, 3 blong, 2 bfloat, 4 ushort, 6 nii,
    7 img, else -1). 1 and a message when name has no '.'. Cuts a trailing newline from name. */
 int get_extension(char *name, int *type);
+/* 1 when name ends in ".nii.gz": a gzipped single-file NIfTI-1 volume, read through znz (any
+   other name ending in ".gz" is a quill data file with the extension "gz"). */
+int is_gzipped_nifti_name(const char *name);
 /* result (1024 chars) = name with the text after its last '.' replaced; 1 when get_extension fails. */
 int replace_extension(char *name, int *type, const char *new_extension, char *result);
 /* Format code of an output name; cuts the caller's name at its last '.'. */

@@ -124,11 +124,16 @@ static int read_and_compare(const char *value, POINT3D stored, const char *keywo
 
 int recall_alignment_parameters(void)
 {
+    return recall_alignment_parameters_from("align.com");
+}
+
+int recall_alignment_parameters_from(const char *file_name)
+{
     FILE *fp;
     char line[1024], word[1024], keyword[1024];
 
-    if ((fp = fopen("align.com", "r")) == NULL) {
-        printf("\nError: cannot open file align.com\n");
+    if ((fp = fopen(file_name, "r")) == NULL) {
+        printf("\nError: cannot open file %s\n", file_name);
         return 1;
     }
     while (get_line_with_comment(fp, line, sizeof line) != NULL) {
@@ -221,7 +226,7 @@ int recall_alignment_parameters(void)
         }
     }
     fclose(fp);
-    printf("Alignment parameters were recalled from file align.com\n");
+    printf("Alignment parameters were recalled from file %s\n", file_name);
     for (int j = 0; j < 12; j++)
         if (Alignment.value[j] != 0.0f) AlignAid.Adjust[j] = 1; /* NaN is != 0 too */
     print_parameter_set(1, 0);

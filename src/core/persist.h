@@ -9,3 +9,7 @@ int save_alignment_parameters(void);
    every non-zero value) and the distortion maps. 0 on success, 1 at the first bad line after
    its message; values stored by earlier lines stay. */
 int recall_alignment_parameters(void);
+/* The same recall from the named file, every keyword and message alike, the file's name in
+   place of align.com in "\nError: cannot open file %s" and "Alignment parameters were
+   recalled from file %s". */
+int recall_alignment_parameters_from(const char *file_name);

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
+#include <znzlib.h>
 
 #include "globals.h"
 #include "header_quill.h"
@@ -70,6 +71,20 @@ static int file_size(const char *name, long long *size)
     return 1;
 }
 
+/* For a gzipped file the size on disk says nothing about the data: 1 when it unpacks to at
+   least `need' bytes (zlib skips forward by unpacking into its own buffer, so nothing of the
+   data's size is allocated), 0 when it is shorter or cannot be read. */
+static int unpacks_to_at_least(const char *name, double need)
+{
+    if (need <= 0.0) return 1;
+    znzFile fp = znzopen(name, "rb", 1);
+    if (znz_isnull(fp)) return 0;
+    unsigned char last;
+    int ok = znzseek(fp, (znz_off_t)(need - 1.0), SEEK_SET) >= 0 && znzread(&last, 1, 1, fp) == 1;
+    znzclose(fp);
+    return ok;
+}
+
 /* Before the array is allocated, makes sure that each data file holds the values its header
    promises, so that an absurd header costs no memory. A file short of data fails with the
    message its read would give; the check stops at the first file that cannot be looked at,
@@ -101,7 +116,9 @@ static int check_data_sizes(data_stack *stack1, file_list *file_info)
         double offset = (double)h->voxel_offset;
         if (offset < 0.0) return 0; /* the seek itself reports it */
         double need = floor(offset) + (double)node->nt * (double)stack1->npts_volume * bytes;
-        if (!((double)size >= need)) { /* a NaN offset fails too */
+        int gzipped = is_gzipped_nifti_name(node->file_name);
+        if (gzipped ? !(need == need && unpacks_to_at_least(node->file_name, need))
+                    : !((double)size >= need)) { /* a NaN offset fails too */
             printf("Error reading the data from file %s\n", node->file_name);
             return 1;
         }
@@ -252,13 +269,15 @@ int read_quill_file(data_stack *stack1, file_list *file_info)
     int swap = h->byte_order != machine_byte_order();
     int progress = (int)((unsigned)nt * (unsigned)npts) > 1000000 && nt > 10;
 
-    FILE *fp = fopen(name, "rb");
-    if (fp == NULL) {
+    /* A ".nii.gz" file is unpacked by zlib as it is read; every other file is read as is. */
+    znzFile fp = znzopen(name, "rb", is_gzipped_nifti_name(name));
+    if (znz_isnull(fp)) {
         printf("\nError: cannot open file %s.\n", name);
         return 1;
     }
     long offset = seek_offset(h->voxel_offset);
-    if (fseek(fp, offset, SEEK_SET) != 0) {
+    if (offset < 0 || znzseek(fp, (znz_off_t)offset, SEEK_SET) < 0) {
+        znzclose(fp);
         fflush(stdout);
         fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, name);
         exit(1);
@@ -266,7 +285,7 @@ int read_quill_file(data_stack *stack1, file_list *file_info)
 
     int bytes = storage_bytes(h->storage_type);
     if (bytes == 0) { /* no storage type known: nothing is read */
-        fclose(fp);
+        znzclose(fp);
         return 0;
     }
     void *buffer = storage_vector(h->storage_type, npts);
@@ -280,10 +299,10 @@ int read_quill_file(data_stack *stack1, file_list *file_info)
             printf("\r%s: %lld %c", name, (long long)t * 10 / (nt / 10), '%');
             fflush(stdout);
         }
-        if (fread(buffer, (size_t)bytes, (size_t)npts, fp) != (size_t)npts) {
+        if (znzread(buffer, (size_t)bytes, (size_t)npts, fp) != (size_t)npts) {
             printf("Error reading the data from file %s\n", name);
             free_storage_vector(h->storage_type, buffer);
-            fclose(fp);
+            znzclose(fp);
             return 1;
         }
         float *out = data + base + (size_t)t * (size_t)npts;
@@ -297,7 +316,7 @@ int read_quill_file(data_stack *stack1, file_list *file_info)
         }
     }
     free_storage_vector(h->storage_type, buffer);
-    fclose(fp);
+    znzclose(fp);
     if (progress) {
         printf("\r%s: 100 %c\n", name, '%');
         fflush(stdout);

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 #include <unistd.h>
+#include <zlib.h>
 
 #include "globals.h"
 #include "numerics.h"
@@ -86,4 +87,15 @@ HeaderRead read_header_printing(const char *data_name)
     r.result = read_volume_header(name, &r.h);
     r.out = testing::internal::GetCapturedStdout();
     return r;
+}
+
+bool gzip_file(const std::string &from, const std::string &to, long keep_bytes)
+{
+    std::string data = read_text_file(from);
+    gzFile gz = gzopen(to.c_str(), "wb");
+    if (gz == NULL) return false;
+    bool ok = gzwrite(gz, data.data(), (unsigned)data.size()) == (int)data.size();
+    if (gzclose(gz) != Z_OK) ok = false;
+    if (ok && keep_bytes >= 0) ok = truncate(to.c_str(), keep_bytes) == 0;
+    return ok;
 }

@@ -22,6 +22,9 @@ struct ScopedTempDir {
 };
 std::string read_text_file(const std::string &name);
 void write_text_file(const std::string &name, const std::string &content);
+/* Packs the file `from' into `to' in gzip format with zlib; keep_bytes >= 0 then cuts the packed
+   file to that many bytes. False on any failure. */
+bool gzip_file(const std::string &from, const std::string &to, long keep_bytes = -1);
 
 /* read_volume_header on a copy of name, with what it printed. */
 struct HeaderRead {

@@ -251,3 +251,26 @@ TEST(ReadDistortionFile, OnlyAnAllShortReadFails)
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "\nError: the storage type for distortion file short.bfloat should be binary floats\n");
 }
+
+TEST(ReadDistortionFile, GzippedNiftiMapsReadLikeThePlainFile)
+{
+    ScopedTempDir dir;
+    set_up_maps();
+    std::vector<float> want = saved_maps();
+    char name[1024] = "maps.nii";
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(write_distortion_files(name), 0);
+    testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(gzip_file("maps.nii", "maps.nii.gz"));
+    clear_maps(0.0f);
+    char packed[1024] = "maps.nii.gz";
+    QL_HEADER header;
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(read_volume_header(packed, &header), 0);
+    template_.npts_volume = N;
+    int status = read_distortion_file(packed, header);
+    std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_EQ(status, 0) << out;
+    EXPECT_EQ(header.nt, 3);
+    EXPECT_EQ(saved_maps(), want);
+}

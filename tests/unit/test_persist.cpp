@@ -245,3 +245,24 @@ TEST(Recall, DistortionMapOfAnotherSizeIsRefused)
               std::string::npos);
     EXPECT_EQ(Alignment.value[0], 1.0f);
 }
+
+TEST(Recall, ANamedFileIsReadLikeAlignComWithItsNameInTheMessages)
+{
+    ScopedTempDir dir;
+    set_geometry();
+    mkdir("session", 0700);
+    write_text_file("session/subject.com", std::string(kHead) + "set registration-translations 1 -2 3\n");
+    write_text_file("align.com", "set registration-translations 9 9 9\n");
+    testing::internal::CaptureStdout();
+    int status = recall_alignment_parameters_from("session/subject.com");
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(out.rfind("Alignment parameters were recalled from file session/subject.com\n", 0), 0u) << out;
+    EXPECT_EQ(Alignment.value[1], -2.0f);
+
+    testing::internal::CaptureStdout();
+    status = recall_alignment_parameters_from("session/none.com");
+    out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(out, "\nError: cannot open file session/none.com\n");
+}

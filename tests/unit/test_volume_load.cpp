@@ -255,6 +255,48 @@ TEST(ReadSpaceTimeData, MissingShortOrMisplacedDataFailsBeforeAllocating)
     EXPECT_EQ(l.out, "Error: cannot open quill file nothing.hdr.\n");
 }
 
+TEST(ReadSpaceTimeData, GzippedNiftiReadsLikeItsPlainTwin)
+{
+    ScopedTempDir dir;
+    NiftiFixture f = nifti_fixture(5, 4, 3, 2, 1.5f, DT_INT16);
+    f.h.scl_slope = 0.5f;
+    f.h.scl_inter = -3.0f;
+    const float sx[4] = {-1.5f, 0.0f, 0.0f, 20.0f}, sy[4] = {0.0f, 1.5f, 0.0f, -7.0f}, sz[4] = {0.0f, 0.0f, 1.5f, 4.0f};
+    set_nifti_method3(&f, sx, sy, sz);
+    f.dof_extension = true;
+    f.dof = 17;
+    ASSERT_TRUE(write_nifti("v.nii", f, encode_values(ramp(120, -50, 3), 1, machine_byte_order())));
+    ASSERT_TRUE(gzip_file("v.nii", "v.nii.gz"));
+
+    data_stack plain = empty_stack(), packed = empty_stack();
+    Load a = load_one(&plain, "v.nii");
+    Load b = load_one(&packed, "v.nii.gz");
+    ASSERT_EQ(a.result, 0) << a.out;
+    ASSERT_EQ(b.result, 0) << b.out;
+    EXPECT_EQ(b.out, "The NIFTI header for file v.nii.gz uses Method 3: affine transformation of voxel indices\n");
+    EXPECT_EQ(packed.nt, 2);
+    EXPECT_EQ(packed.origin.x, 20.0f);
+    EXPECT_EQ(packed.direction.x, -1.0f);
+    EXPECT_EQ(memcmp(plain.SpaceTime.fData, packed.SpaceTime.fData, sizeof(float) * 120), 0);
+    EXPECT_EQ(packed.SpaceTime.fData[119], 0.5f * (-50 + 3 * 119) - 3.0f);
+
+    // a packed file whose data stop short is refused before the stack is allocated
+    std::string whole = read_text_file("v.nii.gz");
+    ASSERT_TRUE(gzip_file("v.nii", "cut.nii.gz", (long)whole.size() / 2));
+    data_stack cut = empty_stack();
+    Load c = load_one(&cut, "cut.nii.gz");
+    EXPECT_EQ(c.result, 1);
+    EXPECT_NE(c.out.find("Error reading the data from file cut.nii.gz\n"), std::string::npos) << c.out;
+    EXPECT_EQ(cut.SpaceTime.fData, nullptr);
+
+    // only ".nii.gz" is NIfTI: another ".gz" data file is a quill file with the extension "gz"
+    write_quill_volume("q.gz", 2, 1, 1, 1, 2, machine_byte_order(), {1.25, -2.0});
+    data_stack q = empty_stack();
+    Load d = load_one(&q, "q.gz");
+    ASSERT_EQ(d.result, 0) << d.out;
+    EXPECT_EQ(q.SpaceTime.fData[1], -2.0f);
+}
+
 TEST(ReadSpaceTimeData, StacksTooLargeForTheAllocatorAreRefused)
 {
     ScopedTempDir dir;
@@ -315,9 +357,15 @@ TEST(ReadSpaceTimeData, RealTemplatesAgreeWithASecondReader)
         if (access(gz.c_str(), R_OK) != 0) GTEST_SKIP() << "mricron-data is not installed";
         std::string nii = std::string(name) + ".nii";
         ASSERT_EQ(system(("gzip -dc " + gz + " > " + nii).c_str()), 0);
-        data_stack s = empty_stack();
+        data_stack s = empty_stack(), packed = empty_stack();
         Load l = load_one(&s, nii.c_str());
         ASSERT_EQ(l.result, 0) << l.out;
+        // the gzipped file as shipped reads to the same values
+        l = load_one(&packed, gz.c_str());
+        ASSERT_EQ(l.result, 0) << l.out;
+        ASSERT_EQ(packed.n3d, s.n3d);
+        EXPECT_EQ(memcmp(packed.SpaceTime.fData, s.SpaceTime.fData, sizeof(float) * (size_t)s.n3d), 0) << name;
+        free_float_vector(packed.SpaceTime.fData);
         std::mt19937 rng{1};
         std::string args;
         std::vector<int> index;

@@ -1,0 +1,336 @@
+/* The accurate non-linear stage (see accurate_nonlinear.h). At every voxel of a level the step
+   is the Gauss-Newton step of the robust remapped residual along the individual's gradient,
+   bounded to a quarter voxel (r g / (|g|^2 + r^2/h^2)); the steps are smoothed with a narrow
+   Gaussian, added to the field, and the field is smoothed with a wider one, which keeps it
+   smooth and one-to-one. Reads template_, original and Alignment; writes distort_x/y/z, AlignNL
+   and individual. No X11. */
+#include "accurate_nonlinear.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "globals.h"
+#include "nl_model.h"
+#include "numerics.h"
+#include "resample.h"
+#include "search_pyramid.h"
+#include "similarity.h"
+#include "threads.h"
+
+/* Regularisation in voxels of the level: the Gaussian window over which each voxel's step is
+   fitted, and the Gaussian that smooths the field after each step. */
+static const double window_sigma = 3.0, field_sigma = 1.0;
+
+/* Smooths a grid in place with a separable Gaussian of sigma voxels (weights renormalised where
+   the kernel leaves the grid). */
+static void smooth_grid(float *data, IPOINT3D d, double sigma)
+{
+    if (!(sigma > 0.0)) return;
+    int half = (int)ceil(3.0 * sigma);
+    std::vector<double> w((size_t)(2 * half + 1));
+    for (int k = -half; k <= half; k++) w[(size_t)(k + half)] = exp(-0.5 * k * k / (sigma * sigma));
+    for (int axis = 0; axis < 3; axis++) {
+        int n = axis == 0 ? d.x : axis == 1 ? d.y : d.z;
+        size_t stride = axis == 0 ? 1 : axis == 1 ? (size_t)d.x : (size_t)d.x * d.y;
+        int na = axis == 0 ? d.y : d.x, nb = axis == 2 ? d.y : d.z;
+        parallel_ranges(nb, [&](int b0, int b1) {
+            std::vector<double> line((size_t)n);
+            for (int b = b0; b < b1; b++)
+                for (int a = 0; a < na; a++) {
+                    size_t base;
+                    if (axis == 0) base = ((size_t)b * d.y + a) * d.x;
+                    else if (axis == 1) base = (size_t)b * d.x * d.y + a;
+                    else base = (size_t)b * d.x + a;
+                    for (int i = 0; i < n; i++) line[(size_t)i] = data[base + stride * i];
+                    for (int i = 0; i < n; i++) {
+                        double sum = 0.0, weight = 0.0;
+                        int lo = i - half < 0 ? -i : -half, hi = i + half >= n ? n - 1 - i : half;
+                        for (int k = lo; k <= hi; k++) {
+                            sum += w[(size_t)(k + half)] * line[(size_t)(i + k)];
+                            weight += w[(size_t)(k + half)];
+                        }
+                        data[base + stride * i] = (float)(sum / weight);
+                    }
+                }
+        });
+    }
+}
+
+/* Trilinear value of a grid at a real-valued voxel position, the position clamped to the grid. */
+static float grid_value(const float *f, IPOINT3D d, double x, double y, double z)
+{
+    double p[3] = {x, y, z};
+    int n[3] = {d.x, d.y, d.z}, i0[3];
+    double t[3];
+    for (int a = 0; a < 3; a++) {
+        if (p[a] < 0.0) p[a] = 0.0;
+        if (p[a] > n[a] - 1) p[a] = n[a] - 1;
+        i0[a] = (int)floor(p[a]);
+        if (i0[a] > n[a] - 2) i0[a] = n[a] - 2 < 0 ? 0 : n[a] - 2;
+        t[a] = p[a] - i0[a];
+    }
+    double sum = 0.0;
+    for (int c = 0; c < 8; c++) {
+        int dx = c & 1, dy = (c >> 1) & 1, dz = c >> 2;
+        int xx = i0[0] + dx < n[0] ? i0[0] + dx : n[0] - 1, yy = i0[1] + dy < n[1] ? i0[1] + dy : n[1] - 1,
+            zz = i0[2] + dz < n[2] ? i0[2] + dz : n[2] - 1;
+        double wgt = (dx ? t[0] : 1.0 - t[0]) * (dy ? t[1] : 1.0 - t[1]) * (dz ? t[2] : 1.0 - t[2]);
+        sum += wgt * f[(size_t)xx + (size_t)d.x * ((size_t)yy + (size_t)d.y * zz)];
+    }
+    return (float)sum;
+}
+
+/* The field of grid `from` carried to grid `to` (trilinear in the centred frame). */
+static void carry_field(float *const from[3], const grid_volume *gf, float *to[3], const grid_volume *gt)
+{
+    for (int z = 0; z < gt->dim.z; z++)
+        for (int y = 0; y < gt->dim.y; y++)
+            for (int x = 0; x < gt->dim.x; x++) {
+                double p[3];
+                centred_mm(gt, x, y, z, p);
+                double vx = p[0] / gf->res.x + (gf->dim.x - 1) / 2.0, vy = p[1] / gf->res.y + (gf->dim.y - 1) / 2.0,
+                       vz = p[2] / gf->res.z + (gf->dim.z - 1) / 2.0;
+                size_t i = (size_t)x + (size_t)gt->dim.x * ((size_t)y + (size_t)gt->dim.y * z);
+                for (int c = 0; c < 3; c++) to[c][i] = grid_value(from[c], gf->dim, vx, vy, vz);
+            }
+}
+
+/* Voxels of the level's mask (inside set or its rim) whose Jacobian determinant of
+   p -> p + u(p), by forward differences, is at most `limit`. */
+static long low_jacobians(const search_level *L, float *const u[3], double limit)
+{
+    IPOINT3D d = L->tpl.dim;
+    POINT3D r = L->tpl.res;
+    size_t sy = (size_t)d.x, sz = (size_t)d.x * d.y;
+    long count = 0;
+    for (int z = 0; z + 1 < d.z; z++)
+        for (int y = 0; y + 1 < d.y; y++)
+            for (int x = 0; x + 1 < d.x; x++) {
+                size_t i = (size_t)x + sy * y + sz * z;
+                if (L->support.data[i] == 0.0f) continue;
+                double J[3][3];
+                for (int c = 0; c < 3; c++) {
+                    J[0][c] = (u[c][i + 1] - u[c][i]) / r.x;
+                    J[1][c] = (u[c][i + sy] - u[c][i]) / r.y;
+                    J[2][c] = (u[c][i + sz] - u[c][i]) / r.z;
+                }
+                J[0][0] += 1.0;
+                J[1][1] += 1.0;
+                J[2][2] += 1.0;
+                double det = J[0][0] * (J[1][1] * J[2][2] - J[1][2] * J[2][1]) -
+                             J[0][1] * (J[1][0] * J[2][2] - J[1][2] * J[2][0]) +
+                             J[0][2] * (J[1][0] * J[2][1] - J[1][1] * J[2][0]);
+                if (det <= limit) count++;
+            }
+    return count;
+}
+
+/* The sums of one step at every inside voxel of L from the present resampling I: b = w r g and
+   the six entries of w g g' (xx, xy, xz, yy, yz, zz), g the individual's gradient in its own
+   space (mm), r the remapped residual, w its biweight. Returns the robust loss. */
+static double step_sums_at_voxels(const search_level *L, const float *I, float *sums[9])
+{
+    remap_table m;
+    estimate_remap(L, I, &m);
+    double c = robust_cutoff(L, I, &m);
+    const grid_volume *T = &L->tpl;
+    const int nx = T->dim.x, ny = T->dim.y, nz = T->dim.z;
+    const size_t sy = (size_t)nx, sz = (size_t)nx * ny;
+    double A[3][3], inv[3][3];
+    for (int a = 0; a < 3; a++)
+        for (int b = 0; b < 3; b++) A[a][b] = Alignment.Affine[a][b];
+    double det = A[0][0] * (A[1][1] * A[2][2] - A[1][2] * A[2][1]) - A[0][1] * (A[1][0] * A[2][2] - A[1][2] * A[2][0]) +
+                 A[0][2] * (A[1][0] * A[2][1] - A[1][1] * A[2][0]);
+    for (int r = 0; r < 3; r++)
+        for (int q = 0; q < 3; q++) {
+            int r1 = (q + 1) % 3, r2 = (q + 2) % 3, c1 = (r + 1) % 3, c2 = (r + 2) % 3;
+            inv[r][q] = det != 0.0 ? (A[r1][c1] * A[r2][c2] - A[r1][c2] * A[r2][c1]) / det : 0.0;
+        }
+    std::vector<double> loss((size_t)nz, 0.0);
+    parallel_ranges(nz, [&](int z0, int z1) {
+        for (int z = z0; z < z1; z++)
+            for (int y = 0; y < ny; y++)
+                for (int x = 0; x < nx; x++) {
+                    size_t i = (size_t)x + sy * y + sz * z;
+                    for (int k = 0; k < 9; k++) sums[k][i] = 0.0f;
+                    if (!L->inside[i]) continue;
+                    double r = I[i] - remapped(&m, T->data[i]), w;
+                    loss[(size_t)z] += biweight_loss(r, c, &w);
+                    if (w == 0.0 || x == 0 || y == 0 || z == 0 || x == nx - 1 || y == ny - 1 || z == nz - 1) continue;
+                    double G[3] = {(I[i + 1] - I[i - 1]) / (2.0 * T->res.x), (I[i + sy] - I[i - sy]) / (2.0 * T->res.y),
+                                   (I[i + sz] - I[i - sz]) / (2.0 * T->res.z)};
+                    double g[3];
+                    for (int a = 0; a < 3; a++) g[a] = inv[0][a] * G[0] + inv[1][a] * G[1] + inv[2][a] * G[2];
+                    for (int a = 0; a < 3; a++) sums[a][i] = (float)(w * r * g[a]);
+                    sums[3][i] = (float)(w * g[0] * g[0]);
+                    sums[4][i] = (float)(w * g[0] * g[1]);
+                    sums[5][i] = (float)(w * g[0] * g[2]);
+                    sums[6][i] = (float)(w * g[1] * g[1]);
+                    sums[7][i] = (float)(w * g[1] * g[2]);
+                    sums[8][i] = (float)(w * g[2] * g[2]);
+                }
+    });
+    double total = 0.0;
+    for (int z = 0; z < nz; z++) total += loss[(size_t)z];
+    return total;
+}
+
+/* The step at each voxel from the window-smoothed sums: -(M + damping)^-1 b, at most one voxel
+   long. Returns the mean length (mm) over the voxels that moved. */
+static double solve_steps(float *sums[9], size_t n, double voxel_mm, float *step[3])
+{
+    double total = 0.0;
+    long moved = 0;
+    for (size_t i = 0; i < n; i++) {
+        double M[3][3] = {{sums[3][i], sums[4][i], sums[5][i]},
+                          {sums[4][i], sums[6][i], sums[7][i]},
+                          {sums[5][i], sums[7][i], sums[8][i]}};
+        double trace = M[0][0] + M[1][1] + M[2][2];
+        step[0][i] = step[1][i] = step[2][i] = 0.0f;
+        if (!(trace > 0.0)) continue;
+        double damping = 1e-3 * trace;
+        for (int a = 0; a < 3; a++) M[a][a] += damping;
+        double det = M[0][0] * (M[1][1] * M[2][2] - M[1][2] * M[2][1]) - M[0][1] * (M[1][0] * M[2][2] - M[1][2] * M[2][0]) +
+                     M[0][2] * (M[1][0] * M[2][1] - M[1][1] * M[2][0]);
+        if (!(det > 0.0)) continue;
+        double b[3] = {sums[0][i], sums[1][i], sums[2][i]}, d[3];
+        for (int r = 0; r < 3; r++) {
+            int r1 = (r + 1) % 3, r2 = (r + 2) % 3;
+            /* row r of the inverse (symmetric matrix: cofactors) */
+            double inv_r[3];
+            for (int q = 0; q < 3; q++) {
+                int q1 = (q + 1) % 3, q2 = (q + 2) % 3;
+                inv_r[q] = (M[q1][r1] * M[q2][r2] - M[q1][r2] * M[q2][r1]) / det;
+            }
+            d[r] = -(inv_r[0] * b[0] + inv_r[1] * b[1] + inv_r[2] * b[2]);
+        }
+        double len = sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
+        if (len > voxel_mm) {
+            for (int a = 0; a < 3; a++) d[a] *= voxel_mm / len;
+            len = voxel_mm;
+        }
+        for (int a = 0; a < 3; a++) step[a][i] = (float)d[a];
+        total += len;
+        moved++;
+    }
+    return moved > 0 ? total / moved : 0.0;
+}
+
+int accurate_nonlinear_search(accurate_nonlinear_report *report)
+{
+    memset(report, 0, sizeof *report);
+    grid_volume tpl = volume_of(&template_, iTime_Template), ind = volume_of(&original, graph.iTime);
+    size_t nt = grid_size(tpl.dim);
+    grid_volume mask = tpl;
+    mask.data = float_vector((int)nt);
+    long ntaking = 0;
+    for (size_t i = 0; i < nt; i++) {
+        mask.data[i] = tpl.data[i] != 0.0f ? 1.0f : 0.0f;
+        ntaking += tpl.data[i] != 0.0f;
+    }
+    if (ntaking == 0) {
+        printf("Error: the template has no non-zero voxel to compare.\n");
+        free_float_vector(mask.data);
+        return 1;
+    }
+    /* Levels at 4, 2 and 1 times a base voxel: the template's, doubled until the shortest axis
+       has at most 128 voxels (a smooth field needs no finer grid; it is interpolated onto the
+       template's), each level keeping at least 16 voxels along every axis. */
+    int base = 1, shortest = tpl.dim.x < tpl.dim.y ? tpl.dim.x : tpl.dim.y;
+    if (tpl.dim.z < shortest) shortest = tpl.dim.z;
+    while (shortest / base > 128) base *= 2;
+    int factors[3] = {4, 2, 1}, iterations[3] = {40, 30, 20}, nlevels = 0;
+    double level_mm[3];
+    int level_iterations[3], level_full[3];
+    for (int f = 0; f < 3; f++) {
+        int k = factors[f] * base;
+        if (f < 2 && (tpl.dim.x / k < 16 || tpl.dim.y / k < 16 || tpl.dim.z / k < 16)) continue;
+        level_mm[nlevels] = tpl.res.x * k;
+        level_full[nlevels] = k == 1;
+        level_iterations[nlevels++] = iterations[f];
+    }
+
+    float *u[3] = {NULL, NULL, NULL};
+    grid_volume previous = {{0, 0, 0}, {0, 0, 0}, NULL};
+    for (int l = 0; l < nlevels; l++) {
+        auto t0 = std::chrono::steady_clock::now();
+        search_level L;
+        build_level(&L, &tpl, &mask, &ind, level_mm[l], level_full[l]);
+        int n = (int)grid_size(L.tpl.dim);
+        float *field[3], *step[3], *sums[9];
+        for (int c = 0; c < 3; c++) {
+            field[c] = float_vector(n);
+            step[c] = float_vector(n);
+            memset(field[c], 0, sizeof(float) * (size_t)n);
+        }
+        for (int k = 0; k < 9; k++) sums[k] = float_vector(n);
+        if (u[0] != NULL) {
+            carry_field(u, &previous, field, &L.tpl);
+            for (int c = 0; c < 3; c++) free_float_vector(u[c]);
+        }
+        float *scratch = float_vector(n);
+        nonlinear_level_report *r = &report->level[report->nlevels++];
+        r->voxel_mm = L.tpl.res.x;
+        r->dim = L.tpl.dim;
+
+        engine_state saved;
+        enter_level(&saved, &L, &L.support, scratch, field);
+        double previous_loss = 0.0;
+        int flat = 0;
+        for (int it = 0; it < level_iterations[l]; it++) {
+            transform_coordinates(1, 0);
+            double loss = step_sums_at_voxels(&L, individual.SpaceTime.fData, sums);
+            /* the loss stops falling: three steps that each gain less than 0.1 % */
+            if (previous_loss > 0.0 && loss > previous_loss * 0.999) {
+                if (++flat >= 3) break;
+            } else {
+                flat = 0;
+            }
+            previous_loss = loss;
+            for (int k = 0; k < 9; k++) smooth_grid(sums[k], L.tpl.dim, window_sigma);
+            solve_steps(sums, (size_t)n, L.tpl.res.x, step);
+            r->iterations++;
+            for (int c = 0; c < 3; c++) {
+                for (int i = 0; i < n; i++) field[c][i] += step[c][i];
+                smooth_grid(field[c], L.tpl.dim, field_sigma);
+            }
+        }
+        leave_level(&saved);
+        while (low_jacobians(&L, field, 0.05) > 0 && r->smoothing_passes < 20) {
+            for (int c = 0; c < 3; c++) smooth_grid(field[c], L.tpl.dim, 1.0);
+            r->smoothing_passes++;
+        }
+        r->similarity = level_similarity(&L, scratch, 0, field);
+        r->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        printf("non-linear level %d of %d (%.3g mm): %d iterations, %d smoothings against folds, mutual information "
+               "%.4f, %.1f s\n",
+               l + 1, nlevels, (double)L.tpl.res.x, r->iterations, r->smoothing_passes, r->similarity, r->seconds);
+        fflush(stdout);
+        for (int c = 0; c < 3; c++) {
+            u[c] = field[c];
+            free_float_vector(step[c]);
+        }
+        for (int k = 0; k < 9; k++) free_float_vector(sums[k]);
+        previous = L.tpl;
+        previous.data = NULL; /* only its grid is needed */
+        free_float_vector(scratch);
+        free_level(&L);
+    }
+    free_float_vector(mask.data);
+
+    /* the finest level's field onto the template grid, into the maps */
+    grid_volume full = tpl;
+    float *maps[3] = {distort_x.SpaceTime.fData, distort_y.SpaceTime.fData, distort_z.SpaceTime.fData};
+    if (previous.dim.x == tpl.dim.x && previous.dim.y == tpl.dim.y && previous.dim.z == tpl.dim.z)
+        for (int c = 0; c < 3; c++) memcpy(maps[c], u[c], sizeof(float) * nt);
+    else
+        carry_field(u, &previous, maps, &full);
+    for (int c = 0; c < 3; c++) free_float_vector(u[c]);
+    update_nonlinear_alignment_parameters(0);
+    AlignNL.Adjusted.x = AlignNL.Adjusted.y = AlignNL.Adjusted.z = 1;
+    transform_coordinates(1, 1);
+    return 0;
+}
