@@ -7,7 +7,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 . "$here/cohort_lib.sh"
 command -v parallel > /dev/null 2>&1 || { echo "SKIP: GNU parallel is not installed"; exit 77; }
 make_subjects
-run=(python3 "$cohort" --template "$data/tpl.nii" --subjects "$data/subjects.tsv" --out out)
+run=("$cohort" --template "$data/tpl.nii" --subjects "$data/subjects.tsv" --out out)
 
 # The interruption: one subject at a time, stopped when rat-a's summary.json is in place.
 "${run[@]}" --jobs 1 > first.txt 2>&1 &

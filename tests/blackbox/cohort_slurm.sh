@@ -10,7 +10,7 @@ trap 'slurm_cluster_stop; cleanup' EXIT
 slurm_cluster_start || { echo "SKIP: $slurm_cluster_reason"; exit 77; }
 make_subjects
 out="$work/slurm out"   # the job script's #SBATCH --output must be quoted
-run=(python3 "$cohort" --template "$data/tpl.nii" --subjects "$data/subjects.tsv" --out "$out"
+run=("$cohort" --template "$data/tpl.nii" --subjects "$data/subjects.tsv" --out "$out"
      --engine slurm --jobs 2 --time 20:00 --mem 1G --cpus-per-task 1)
 
 start=$(date +%s)

@@ -11,7 +11,7 @@ mkdir elsewhere
 refused() {
     local name=$1 pattern=$2
     shift 2
-    python3 "$cohort" "$@" > "$name.txt" 2>&1
+    "$cohort" "$@" > "$name.txt" 2>&1
     local status=$?
     [ "$status" = 1 ] || { cat "$name.txt"; fail "$name: status $status, not 1"; }
     grep -qE -- "$pattern" "$name.txt" || { cat "$name.txt"; fail "$name: no message matching '$pattern'"; }
@@ -58,7 +58,7 @@ refused out_file "--out .*/out-file exists and is not a directory" --template "$
 
 # A good table from another directory, with Windows line ends: relative names are the table's.
 tr -d '\r' < "$data/subjects.tsv" | sed 's/$/\r/' > "$data/crlf.tsv"
-(cd elsewhere && python3 "$cohort" --template "$data/tpl.nii" --subjects "$data/crlf.tsv" --out ../out \
+(cd elsewhere && "$cohort" --template "$data/tpl.nii" --subjects "$data/crlf.tsv" --out ../out \
     --nonlinear --dry-run) > dry.txt 2>&1
 status=$?
 cat dry.txt

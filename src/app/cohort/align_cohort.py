@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """align-cohort: aligns many subjects to one template by running align-batch once per subject,
 through GNU parallel on a workstation or as one Slurm array job, and collects a report.
 
