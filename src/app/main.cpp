@@ -21,6 +21,10 @@ int main(int argc, char **argv)
     int myargc, which_arg = 0, option;
     startup_options opts;
 
+    /* Every message line reaches a file or a pipe (align ... | tee log) as it is printed, not
+       when the program ends; progress lines without a newline are flushed where printed. */
+    setvbuf(stdout, NULL, _IOLBF, BUFSIZ);
+
     /* 1: the program's name and the argument table */
     snprintf(program_name, sizeof program_name, "%s", "align");
     for (int i = 0; i < argc && i < 100; i++) snprintf(arguments[i], sizeof arguments[i], "%s", argv[i]);

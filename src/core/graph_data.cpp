@@ -195,7 +195,16 @@ void graph_data_range(float *lo, float *hi)
         if (l < a) a = l;
         if (h > b) b = h;
     }
-    if (graph.type == 4) a = 0.0f;
+    if (graph.type == 4) {
+        /* The background fills the bin of value 0 and would flatten the rest against the axis:
+           the scale follows the largest other bin while any other bin has counts. */
+        a = 0.0f;
+        int background = histogram_bin(0.0f, graph.xmin, graph.xmax);
+        float others = 0.0f;
+        for (int i = 0; i < graph.npoints; i++)
+            if (i != background && graph.yVector[i] > others) others = graph.yVector[i];
+        if (others > 0.0f) b = others;
+    }
     *lo = a;
     *hi = b;
 }

@@ -33,7 +33,9 @@ void fill_graph_values(IPOINT3D at);
 int graph_current_point(void);
 
 /* Data range of the filled graph for an automatic y axis: the least and greatest of
-   yVector -/+ yVector1 over the points (0 and the greatest count for the histogram). */
+   yVector -/+ yVector1 over the points. For the histogram 0 and the greatest count of the bins
+   other than the one holding the value 0 (the background), or that bin's count when no other
+   bin has any; the background's bar then reaches past the top. */
 void graph_data_range(float *lo, float *hi);
 
 /* A tick step of 1, 2 or 5 times a power of ten that cuts lo..hi into about nticks intervals,

@@ -249,8 +249,10 @@ float compute_phase(FCOMPLEX z)
         return z.imag > 0.0f ? 1.5707964f : -1.5707964f;
     }
     float quotient = z.imag / z.real;
-    float theta = (float)atan((double)quotient);
-    if (z.real < 0.0f) theta = (float)((double)theta + 3.141592654);
+    double angle = atan((double)quotient);
+    /* the half turn is added to the arctangent in double, and the sum is rounded once */
+    if (z.real < 0.0f) angle += 3.141592654;
+    float theta = (float)angle;
     if ((double)theta > 3.141592654) theta = (float)((double)theta - 6.283185308);
     return theta;
 }

@@ -57,7 +57,8 @@ FCOMPLEX FCMult(FCOMPLEX a, FCOMPLEX b);
 FCOMPLEX FCMultStar(FCOMPLEX a, FCOMPLEX b);
 FCOMPLEX FCAdd(FCOMPLEX a, FCOMPLEX b);
 float compute_amplitude(FCOMPLEX z);
-/* Phase of z in radians, -pi..pi.
+/* Phase of z in radians, -pi..pi: atan(im/re) in double, plus 3.141592654 when re < 0, the
+   sum rounded to float once and wrapped by 6.283185308 when above 3.141592654.
    Deliberate: (-1, 0) gives -3.1415925, not +pi: atan(0) + 3.141592654 held in a float
    exceeds 3.141592654 and is wrapped. Pinned by ComputePhase.NegativeRealAxisWraps. */
 float compute_phase(FCOMPLEX z);

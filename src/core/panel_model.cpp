@@ -19,8 +19,6 @@
 #include "prepare.h"
 #include "resample.h"
 
-/* step 1: next type (5 wraps to 0); -1: previous (0 wraps to 5); 0: 0 and 1 swap, any other
-   type returns to 0. Then the display is re-pointed and the image and the graph rebuilt. */
 void action_change_display_type(int step)
 {
     rescale_image_settings();
@@ -31,6 +29,12 @@ void action_change_display_type(int step)
     else
         AlignAid.DisplayType = AlignAid.DisplayType == 0 ? 1 : 0;
     point_mosaic_to_stack_data();
+    /* The fields and the basis image share one remembered grey window, empty until one of
+       them is first shown: an empty window is filled from the range of the image shown. */
+    if (AlignAid.DisplayType >= 2 && AlignAid.DisplayType <= 5 && !(distort_scale_max > distort_scale_min)) {
+        rescale_image(1);
+        rescale_image_settings();
+    }
     update_XWindow_image();
     fill_graph_vector(0);
     build_graph_display(1);

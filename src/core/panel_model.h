@@ -31,6 +31,12 @@ void panel_change_value(int left);
 /* 'x': toggle the adjust flag of the selected item. */
 void panel_toggle_adjust(void);
 
+/* What the image area shows, AlignAid.DisplayType: 0 individual, 1 template, 2..4 the x, y, z
+   displacement fields, 5 the basis image. step 1: next type (5 wraps to 0); -1: previous (0
+   wraps to 5); 0 (space key): 0 and 1 swap, any other type returns to 0. The grey window of
+   the type left is remembered and that of the new type restored; the window of the fields
+   and the basis image, while still empty (minimum not below maximum), is set from the range
+   of the image now shown. Then the window is rebuilt and the graph refilled. */
 void action_change_display_type(int step);
 void action_filter_overlay(void);
 /* The rolloff setting: with a prompt routine (returns 1 with a confirmed answer, 0 on cancel)

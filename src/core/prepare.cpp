@@ -153,7 +153,8 @@ void downsample_stack(data_stack *stack, IPOINT3D new_dim)
     if (w.x < 1) w.x = 1;
     if (w.y < 1) w.y = 1;
     if (w.z < 1) w.z = 1;
-    POINT3D sigma = {0.425f * s.x, 0.425f * s.y, 0.425f * s.z};
+    /* FWHM = s: sigma = 0.425 s in double, rounded once, as the resampling computes it */
+    POINT3D sigma = {(float)(0.425 * (double)s.x), (float)(0.425 * (double)s.y), (float)(0.425 * (double)s.z)};
 
     int complex_data = stack->data_type != 0;
     int per_voxel = complex_data ? 2 : 1;

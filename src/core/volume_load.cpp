@@ -1,6 +1,6 @@
 /* Loading a role's list of data files into one data_stack: every header first, the checks of
    the files against the run's first file, one allocation, then the voxel values of each file
-   converted to float. Reads and writes the stack given; recognises activation_stack by
+   converted to float, each file's size checked in its turn. Reads and writes the stack given; recognises activation_stack by
    identity. No X11. */
 #include "volume_load.h"
 
@@ -85,45 +85,54 @@ static int unpacks_to_at_least(const char *name, double need)
     return ok;
 }
 
-/* Before the array is allocated, makes sure that each data file holds the values its header
-   promises, so that an absurd header costs no memory. A file short of data fails with the
-   message its read would give; the check stops at the first file that cannot be looked at,
-   which the read then reports. Returns 1 on failure. */
-static int check_data_sizes(data_stack *stack1, file_list *file_info)
+/* The message a read gives when a data file ends before the values its header promises. */
+static void report_short_data(const file_list *node)
 {
-    for (file_list *node = file_info; node != NULL; node = node->next) {
-        const QL_HEADER *h = &node->header;
-        long long size;
-        if (h->file_type == FILE_FREESURFER) {
-            int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
-            long long need = (long long)node->nt * h->n2d * bytes;
-            for (int z = 0; z < h->dim.z; z++) {
-                char slice[1024];
-                slice_file_name(slice, node->file_name, z, h->storage_type);
-                if (!file_size(slice, &size)) return 0;
-                if (size < need) {
-                    /* Deliberate: float slices get the same "short data" text.
-                       Pinned by ReadFreesurferFile.SlicesFillTheirPlanesOfEveryVolume. */
-                    printf("Error reading the short data from file %s\n", node->file_name);
-                    return 1;
-                }
-            }
-            continue;
+    if (node->header.file_type == FILE_FREESURFER)
+        /* Deliberate: float slices get the same "short data" text.
+           Pinned by ReadFreesurferFile.SlicesFillTheirPlanesOfEveryVolume. */
+        printf("Error reading the short data from file %s\n", node->file_name);
+    else
+        printf("Error reading the data from file %s\n", node->file_name);
+}
+
+/* 1 when a data file of the list holds fewer bytes than its header promises for its volumes
+   of the stack (every slice file, in order, for a FreeSurfer stack). 0 when it holds them, or
+   when a file cannot be looked at or has no storage to read: the read then reports that in
+   its turn. A voxel offset that is not a number counts as short. Prints nothing. */
+static int data_file_is_short(const data_stack *stack1, const file_list *node)
+{
+    const QL_HEADER *h = &node->header;
+    long long size;
+    if (h->file_type == FILE_FREESURFER) {
+        int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
+        long long need = (long long)node->nt * h->n2d * bytes;
+        for (int z = 0; z < h->dim.z; z++) {
+            char slice[1024];
+            slice_file_name(slice, node->file_name, z, h->storage_type);
+            if (!file_size(slice, &size)) return 0;
+            if (size < need) return 1;
         }
-        int bytes = storage_bytes(h->storage_type);
-        if (bytes == 0) continue;
-        if (!file_size(node->file_name, &size)) return 0;
-        double offset = (double)h->voxel_offset;
-        if (offset < 0.0) return 0; /* the seek itself reports it */
-        double need = floor(offset) + (double)node->nt * (double)stack1->npts_volume * bytes;
-        int gzipped = is_gzipped_nifti_name(node->file_name);
-        if (gzipped ? !(need == need && unpacks_to_at_least(node->file_name, need))
-                    : !((double)size >= need)) { /* a NaN offset fails too */
-            printf("Error reading the data from file %s\n", node->file_name);
-            return 1;
-        }
+        return 0;
     }
-    return 0;
+    int bytes = storage_bytes(h->storage_type);
+    if (bytes == 0 || !file_size(node->file_name, &size)) return 0;
+    double offset = (double)h->voxel_offset;
+    if (offset < 0.0) return 0; /* the seek reports it */
+    double need = floor(offset) + (double)node->nt * (double)stack1->npts_volume * bytes;
+    if (is_gzipped_nifti_name(node->file_name)) return !(need == need && unpacks_to_at_least(node->file_name, need));
+    return !((double)size >= need);
+}
+
+/* One past the last element of the stack's array that a file's read writes: its volumes, and
+   for a FreeSurfer stack the planes of its last volume, which may reach past the stack's
+   volume size. */
+static long long end_of_file_values(const data_stack *stack1, const file_list *node)
+{
+    long long npts = stack1->npts_volume, start = (long long)node->start_image * npts;
+    if (node->header.file_type != FILE_FREESURFER || node->nt <= 0) return start + node->nt * npts;
+    long long planes = start + (node->nt - 1) * npts + (long long)node->header.dim.z * node->header.n2d;
+    return planes > start + node->nt * npts ? planes : start + node->nt * npts;
 }
 
 int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *file_info, int *nfiles)
@@ -211,10 +220,33 @@ int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *fi
                stack1->npts_volume);
         return 1;
     }
-    if (check_data_sizes(stack1, file_info)) return 1;
-    if (total != 0) stack1->SpaceTime.fData = float_vector((int)total);
+    /* Each file's data are checked in its turn, when it is read. A file that holds less than
+       its header promises ends the load there, so the array needs room only for the files
+       before it: an absurd header costs no memory. */
+    file_list *short_node = NULL;
+    long long room = total;
+    for (file_list *node = file_info; node != NULL; node = node->next)
+        if (data_file_is_short(stack1, node)) {
+            short_node = node;
+            break;
+        }
+    if (short_node != NULL) {
+        room = 0;
+        for (file_list *node = file_info; node != short_node; node = node->next) {
+            long long end = end_of_file_values(stack1, node);
+            if (end > room) room = end;
+        }
+        if (room > total) room = total;
+    }
+    if (room != 0) stack1->SpaceTime.fData = float_vector((int)room);
 
     for (file_list *node = file_info; node != NULL; node = node->next) {
+        /* The short file's own read refuses it; one that has grown since is refused here, as
+           the array has no room for it. */
+        if (node == short_node && !data_file_is_short(stack1, node)) {
+            report_short_data(node);
+            return 1;
+        }
         int failed = node->header.file_type == FILE_FREESURFER ? read_freesurfer_file(stack1, node)
                                                                : read_quill_file(stack1, node);
         if (failed) return 1;
@@ -273,6 +305,11 @@ int read_quill_file(data_stack *stack1, file_list *file_info)
     znzFile fp = znzopen(name, "rb", is_gzipped_nifti_name(name));
     if (znz_isnull(fp)) {
         printf("\nError: cannot open file %s.\n", name);
+        return 1;
+    }
+    if (data_file_is_short(stack1, file_info)) { /* nothing of a short file is read */
+        report_short_data(file_info);
+        znzclose(fp);
         return 1;
     }
     long offset = seek_offset(h->voxel_offset);
@@ -336,10 +373,14 @@ int read_freesurfer_file(data_stack *stack1, file_list *file_info)
     int is_short = h->storage_type == FILE_BSHORT;
     size_t bytes = is_short ? 2 : 4;
 
-    /* The slices must fit the stack's volumes (a list of mixed sizes makes the stack take the
-       last file's size). */
-    if ((long long)h->dim.z * n2d > npts) {
-        printf("Error: the %d slices of %s do not fit the volumes of the stack.\n", h->dim.z, name);
+    /* The stack has the geometry of the last file of its list, so the planes of a larger
+       volume run on into the stack's next volume; they must stay within the array. */
+    if (end_of_file_values(stack1, file_info) > (long long)npts * stack1->nt) {
+        printf("Error: the %d slices of %s reach past the end of the stack.\n", h->dim.z, name);
+        return 1;
+    }
+    if (data_file_is_short(stack1, file_info)) { /* nothing of a short stack is read */
+        report_short_data(file_info);
         return 1;
     }
 

@@ -3,13 +3,20 @@
    recognises activation_stack by identity. No X11. */
 #include "types.h"
 /* Reads every header of the list (checked against the first file the run ever read), then
-   allocates npts_volume*nt floats and reads each file; *nfiles = files read. Returns 0, or 1
-   after a message. Stacks beyond one 32-bit float block and data files shorter than their
-   headers say are refused before anything is allocated. */
+   allocates npts_volume*nt floats and reads each file in order; *nfiles = files read. Returns
+   0, or 1 after a message. Stacks beyond one 32-bit float block are refused before anything is
+   allocated. A data file shorter than its header says is refused when its turn comes, after
+   the files before it; the array then has room only for those files (never for the values
+   the short file promised). The stack has the geometry of the last file; a FreeSurfer file
+   earlier in the list stores its planes from start_image*npts_volume on and is refused only
+   when they would run past the end of the array. */
 int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *file_info, int *nfiles);
-/* The voxels of one quill or NIfTI file into its volumes of the stack (swapped, scaled). 0 or 1. */
+/* The voxels of one quill or NIfTI file into its volumes of the stack (swapped, scaled). 0 or 1;
+   a file that cannot be opened or is shorter than its header says is refused before any read. */
 int read_quill_file(data_stack *stack1, file_list *file_info);
-/* The same for a FreeSurfer stack of slice files. 0 or 1. */
+/* The same for a FreeSurfer stack of slice files: value j of plane z of volume t goes to
+   element start_image*npts_volume + t*npts_volume + z*n2d + j. 0 or 1; refused before any
+   read when a slice file is short or the planes would run past the stack's array. */
 int read_freesurfer_file(data_stack *stack1, file_list *file_info);
 /* Appends a file to a role's list (fills the head node when its name is empty). */
 void add_image_file(file_list *list, const char *name, int scale_log, int type);

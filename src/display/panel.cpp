@@ -32,16 +32,16 @@ void draw_right_panel(void)
     if (heading != NULL)
         XDrawString(XServerDisplay, XPixmap_image, XGC_cyan_text, x0 + 8, 30 + 12, heading, (int)strlen(heading));
     int nrows = panel_rows();
+    /* Every row is drawn, however short the image area: the rows close up rather than the
+       last ones (the z step, "change res.") being left out. Only an area too short to hold
+       the heading and the rows at all loses the rows that would fall outside the panel. */
     float spacing = (float)(h - 15) / (float)(nrows + 1);
-    /* A short image area cannot hold every row legibly: rows keep the font's height and
-       those that fall below the panel are left out. */
-    if (spacing < 13.0f) spacing = 13.0f;
     for (int row = 0; row < nrows; row++) {
         int item = AlignAid.DisplaySet == 1 ? AlignAid.iFirstParShown + row : row;
         char text[1024];
         if (!panel_item_text(item, text)) continue;
         int y = 30 + 15 + (int)((float)(row + 1) * spacing);
-        if (y > 30 + h - 2) break;
+        if (y < 30 + 15 || y > 30 + h - 2) continue;
         /* sets 0 and 2 interleave headings with their items: the row's own item is marked */
         int row_item = AlignAid.DisplaySet == 1 ? item : panel_row_item(row);
         GC gc = row_item == AlignAid.iParameter ? XGC_yellow_text : XGC_white_text;

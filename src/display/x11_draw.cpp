@@ -109,7 +109,8 @@ void draw_selectable_text_image_x11(void)
     }
     /* What the two menu items with a state show now. */
     char state[1100];
-    const char *shown = AlignAid.DisplayType == 1 ? "template" : (AlignAid.DisplayType == 0 ? "individual" : "field");
+    static const char *const shown_names[6] = {"individual", "template", "x field", "y field", "z field", "basis"};
+    const char *shown = AlignAid.DisplayType >= 0 && AlignAid.DisplayType <= 5 ? shown_names[AlignAid.DisplayType] : "";
     snprintf(state, sizeof state, "zoom %d  %s  ovl %s", mosaic.zoom, shown, ovl_root.name);
     int sx = W - x11_text_width(state) - 4;
     if (sx > 400) XDrawString(XServerDisplay, XPixmap_image, XGC_cyan_text, sx, 27, state, (int)strlen(state));

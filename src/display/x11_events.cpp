@@ -194,7 +194,9 @@ static void action_image_toggle_text_selection(int button)
     case 8: mosaic.display_crosshairs = (mosaic.display_crosshairs + 1) % 3; build_image_display(1); break;
     case 16: toggle_three_planes(); break;
     case 32: mosaic.flip_X11_y = !mosaic.flip_X11_y; build_image_display(1); break;
-    case 64: action_change_display_type(0); break;
+    /* button 1 steps on through individual, template, x, y and z fields and the basis image;
+       buttons 2 and 3 step back. The space key keeps to individual and template. */
+    case 64: action_change_display_type(button == 1 ? 1 : -1); break;
     case 128:
         mosaic.display_data_type = (mosaic.display_data_type + 1) % 4;
         rescale_image(1);
@@ -699,7 +701,11 @@ void action_select_slices(void)
 void action_key_question_mark(void)
 {
     reset_cursor_selections();
-    show_on_info_line("select a region with a mouse press", "output to shell window", "other keys cancel");
+    /* The information line joins its first two texts with a blank: the second is put in
+       brackets so that the two read apart. */
+    char prompt[1024];
+    snprintf(prompt, sizeof prompt, "%s (%s)", "select a region with a mouse press", "output to shell window");
+    show_on_info_line(prompt, "", "other keys cancel");
     for (;;) {
         XEvent event;
         int which = get_next_event(&event);

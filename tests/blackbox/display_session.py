@@ -355,6 +355,11 @@ def scenario_select_slices(s):
 
 
 def scenario_quit_answers(s):
+    # standard output goes to a file: the start-up lines are there while align still runs
+    text = open("stdout.txt").read()
+    for role in ("ind", "tpl"):
+        line = "The NIFTI header for file %s.nii uses Method 1: the old analyze format" % role
+        check(line in text.splitlines(), "'%s' written to the file as printed" % line)
     s.move(10, 40)
     s.key("q", "n")
     check(s.proc.poll() is None, "answer n continues")

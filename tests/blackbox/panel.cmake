@@ -4,7 +4,7 @@
 if(XVFB_RUN AND XDOTOOL)
   set(PANEL_SESSION ${BLACKBOX_DIR}/panel_session.py)
   set(server 240)
-  foreach(scenario overlays panel affine nonlinear realdata)
+  foreach(scenario overlays panel short_panel display_types help affine nonlinear realdata)
     add_test(NAME panel_${scenario}
              COMMAND ${XVFB_RUN} -a -n ${server} -s "-screen 0 1280x1024x24"
                      /usr/bin/python3 ${PANEL_SESSION} ${ALIGN_BIN} ${MAKE_VOL_BIN} ${scenario})

@@ -130,7 +130,7 @@ def scenario_overlays(s):
     expect_overlay(s, {}, "", "'d' clears the overlay")
     s.key("r")
     expect_overlay(s, mirrored, "yellow", "'r' reads .ovl back")
-    quit_yes(s)  # standard output reaches the file at the latest when align ends
+    quit_yes(s)
     check("4 pixels (total weight = 3.5) written to file .ovl" in open("stdout.txt").read(),
           "the count and total weight are reported")
 
@@ -154,17 +154,18 @@ PN = 32  # 32 x 32 x 4 voxels of 1 mm: a 268 x 268 image area at zoom 4, the pan
 AREA = (2 * PN + 3) * 4
 
 
-def panel_rows(s, nrows):
-    """Per row of the panel: 'empty', 'text' or 'selected' (yellow text)."""
+def panel_rows(s, nrows, height=AREA):
+    """Per row of the panel: 'empty', 'text' or 'selected' (yellow text). The rows are evenly
+    spaced over the image area's height less 15 pixels; the pixel rows from 7 above a row's
+    baseline to the baseline hold ink of every character and none of the neighbouring rows
+    while rows lie at least 10 pixels apart."""
     pix = s.shot()
-    spacing = (AREA - 15) / (nrows + 1)
-    if spacing < 13:
-        spacing = 13
+    spacing = (height - 15) / (nrows + 1)
     rows = []
     for row in range(nrows):
         base = 30 + 15 + int((row + 1) * spacing)
         seen = set()
-        for y in range(base - 8, base + 2):
+        for y in range(base - 7, base + 1):
             for x in range(AREA + 4, AREA + RIGHT - 2):
                 p = pix(x, y)
                 if p != (0, 0, 0):
@@ -173,8 +174,8 @@ def panel_rows(s, nrows):
     return rows
 
 
-def expect_rows(s, nrows, text_rows, selected, what):
-    rows = panel_rows(s, nrows)
+def expect_rows(s, nrows, text_rows, selected, what, height=AREA):
+    rows = panel_rows(s, nrows, height)
     want = ["selected" if r == selected else ("text" if r in text_rows else "empty") for r in range(nrows)]
     check(rows == want, "%s: panel rows %s (got %s)" % (what, want, rows))
 
@@ -242,6 +243,141 @@ def prepare_panel():
     # the individual: an edge between x = 15 and 16, no zero voxel (zeros mask the result)
     write_nifti("ind.nii", lambda x, y, z: (50.0 if x < 16 else 200.0) + y + z, PN, PN, NZ)
     return ["ind.nii", "-t", "tpl.nii"]
+
+
+# ---- 2b: the right panel over a short image area ----
+
+SHORT_NY = 21  # 32 x 21 x 4 voxels: a 268 x 180 image area at zoom 4, rows 10.3 pixels apart
+SHORT_AREA = (2 * SHORT_NY + 3) * 4
+SET0_SHORT = {0, 1, 2, 3, 5, 6, 7, 9, 10, 11, 12}  # under 200 pixels: 15 rows, no parity lines
+
+
+def prepare_short_panel():
+    write_nifti("tpl.nii", lambda x, y, z: 10.0 + x + 2.0 * y + 3.0 * z, PN, SHORT_NY, NZ)
+    write_nifti("ind.nii", lambda x, y, z: 50.0 + x + y + z, PN, SHORT_NY, NZ)
+    return ["ind.nii", "-t", "tpl.nii"]
+
+
+def scenario_short_panel(s):
+    _, _, _, height = s.geometry()
+    check(height == SHORT_AREA + 75, "image area %d pixels high" % SHORT_AREA)
+    s.move(*s.panel)
+    expect_rows(s, 15, SET0_SHORT, 0, "every row of the setup set, the z step included", SHORT_AREA)
+    s.key("Down", "Down", "Down", "Down", "Down", "Right")
+    expect_rows(s, 15, SET0_SHORT | {14}, 10, "'change res.' on the last row once offered", SHORT_AREA)
+    s.key("Down", "Down", "Down")
+    expect_rows(s, 15, SET0_SHORT | {14}, 14, "Down past y and z selects 'change res.'", SHORT_AREA)
+    quit_yes(s)
+
+
+# ---- 2c: the "display" menu item steps through what the image area shows ----
+
+DISPLAY_ITEM = (25, 22)  # first item of the second menu row
+
+
+def shown(s):
+    """What row y = 20 of each of the four panels shows: 'flat' (one grey: an empty map),
+    'edge' (a few greys: the individual's two levels and the resampled edge between them) or
+    'ramp' (a grey per voxel: the template)."""
+    pix = s.shot()
+    kinds = set()
+    for z in range(NZ):
+        n = len(set(image_row(pix, 20, z)))
+        kinds.add("flat" if n == 1 else ("edge" if n <= 6 else ("ramp" if n >= PN - 2 else "other %d" % n)))
+    return " ".join(sorted(kinds))
+
+
+def basis_image(s):
+    """The colours of every voxel of the four panels."""
+    pix = s.shot()
+    return [pix(*grid_pixel(x, y, z, 4, PN, PN)) for z in range(NZ) for y in range(PN) for x in range(PN)]
+
+
+def scenario_display_types(s):
+    check(shown(s) == "edge", "the individual at the start")
+    s.click(*DISPLAY_ITEM)
+    check(shown(s) == "ramp", "button 1 on 'display': the template")
+    for what in ("x field", "y field", "z field", "basis image"):
+        s.click(*DISPLAY_ITEM)
+        check(shown(s) == "flat", "button 1 again: the %s, empty so far" % what)
+    s.click(*DISPLAY_ITEM)
+    check(shown(s) == "edge", "button 1 on the basis image wraps to the individual")
+    s.click(*s.panel)
+    s.click(*s.panel)  # the non-linear set: item 6 marks the basis function n of N for viewing
+    s.move(*s.panel)
+    s.key(*["Down"] * 6, "x")
+    s.click(*DISPLAY_ITEM, button=3)
+    first = basis_image(s)
+    check(len(set(first)) > 2, "button 3 from the individual: the marked basis function, in greys")
+    s.move(*s.panel)
+    s.key("Right")
+    second = basis_image(s)
+    check(len(set(second)) > 2 and second != first, "Right on it shows the next basis function")
+    s.click(*DISPLAY_ITEM, button=2)
+    check(shown(s) == "flat", "button 2 steps back to the z field")
+    s.key("space")
+    check(shown(s) == "edge", "space from a field returns to the individual")
+    quit_yes(s)
+
+
+# ---- 2d: the help texts and the context help ----
+
+ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
+
+
+def printed_help(name):
+    """A help file as align prints it: an empty line first, and on every line the text from
+    the first hash mark on (the line's end included) left out."""
+    text = "\n"
+    for line in open(os.path.join(ROOT, "documentation", name)):
+        text += line[:line.index("#")] if "#" in line else line
+    return text
+
+
+def text_cells(pix, baseline, ncells):
+    """Per character cell of the fixed 6-pixel font from x = 4 on a line of yellow text:
+    True where the cell holds ink."""
+    return [any(pix(4 + 6 * i + dx, y) == (255, 255, 0) for dx in range(6) for y in range(baseline - 9, baseline + 3))
+            for i in range(ncells)]
+
+
+def expect_text(pix, baseline, text, what):
+    got = text_cells(pix, baseline, len(text) + 2)
+    want = [c != " " for c in text] + [False, False]
+    show = lambda cells: "".join("x" if c else "." for c in cells)
+    check(got == want, "%s: the line reads '%s' (ink %s, wanted %s)" % (what, text, show(got), show(want)))
+
+
+def scenario_help(s):
+    out = lambda: open("stdout.txt").read()
+    s.move(40, 60)
+    start = len(out())
+    s.key("h")
+    keys = out()[start:]
+    check(keys == printed_help("align-interactive-help1.txt"), "'h' prints the key help whole")
+    check("  number sign (the key of the hash mark)" in keys.splitlines(), "the key help names the slice selection key")
+    start = len(out())
+    s.key("H")
+    panel = out()[start:]
+    check(panel == printed_help("align-interactive-help2.txt"), "'H' prints the mouse and panel help whole")
+    check("  Left/Right change the value of the selected parameter by its step." in panel.splitlines(),
+          "the panel help says that Left/Right change the value")
+
+    s.click(8, 8)  # "?", the first item of the top menu: context help
+    band = AREA + 30
+    pix = s.shot()
+    expect_text(pix, band + 27, "select a region with a mouse press (output to shell window)", "context help prompt")
+    expect_text(pix, band + 42, "other keys cancel", "context help prompt, second row")
+    start = len(out())
+    s.click(*s.panel)
+    lines = out()[start:].splitlines()
+    entry = ["The alignment control panel. Button 1 shows the next panel, buttons 2",
+             "and 3 the previous one. Up/Down (or the wheel) choose an item, and",
+             "Left/Right change it. Press x to mark a parameter for the automatic",
+             "search, a or A to start it."]
+    want = ["Help from file %s/documentation/align-question-mark.txt" % ROOT, "message code 33 0"] + entry
+    check(lines == want, "a click on the panel prints its help entry (%s)" % lines)
+    quit_yes(s)
 
 
 # ---- 3: automatic affine alignment of a shifted phantom ----
@@ -382,6 +518,13 @@ def main():
         args = prepare_overlays()
     elif scenario == "panel":
         args = prepare_panel()
+    elif scenario == "short_panel":
+        args = prepare_short_panel()
+    elif scenario == "display_types":
+        args = prepare_panel()
+    elif scenario == "help":
+        os.environ["QOR_HOME"] = ROOT
+        args = prepare_panel()
     elif scenario == "affine":
         args = prepare_affine(make_volumes)
     elif scenario == "nonlinear":
@@ -391,7 +534,9 @@ def main():
     s = Session(align, args)
     _, _, width, _ = s.geometry()
     s.panel = (width - RIGHT // 2, 60)
-    bodies = {"overlays": scenario_overlays, "panel": scenario_panel, "affine": scenario_affine,
+    bodies = {"overlays": scenario_overlays, "panel": scenario_panel, "short_panel": scenario_short_panel,
+              "display_types": scenario_display_types, "help": scenario_help,
+              "affine": scenario_affine,
               "nonlinear": scenario_nonlinear, "realdata": lambda s: scenario_realdata(s, make_volumes)}
     run_scenario(s, bodies[scenario], work, scenario)
 

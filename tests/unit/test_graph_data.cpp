@@ -125,6 +125,33 @@ TEST(FillGraphValues, HistogramCountsTheGreyWindowWithBothEndsAndTheRegionOnly)
     EXPECT_EQ(graph.yVector[GRAPH_HISTOGRAM_BINS - 1], 1.0f);
 }
 
+TEST(GraphDataRange, HistogramIsScaledToTheLargestBinOtherThanTheBackgrounds)
+{
+    /* 6 background zeros, 3 voxels at 10 and 1 at 20 */
+    const float v[10] = {0, 0, 0, 10, 0, 20, 0, 10, 0, 10};
+    displayed_stack(10, 1, 1, 1, [&](int x, int, int, int) { return v[x]; });
+    graph.type = 4;
+    float lo, hi;
+    /* one unit per bin: zero falls into bin 0, then into bin 32 */
+    const struct { float low, high; int zero_bin; } windows[] = {{0.0f, 64.0f, 0}, {-32.0f, 32.0f, 32}};
+    for (const auto &w : windows) {
+        image_scale_min = w.low;
+        image_scale_max = w.high;
+        fill_graph_values({0, 0, 0});
+        ASSERT_EQ(graph.yVector[w.zero_bin], 6.0f);
+        graph_data_range(&lo, &hi);
+        EXPECT_EQ(lo, 0.0f);
+        EXPECT_EQ(hi, 3.0f) << w.low;
+    }
+    /* an image of background only keeps its one bar on the scale */
+    displayed_stack(10, 1, 1, 1, [](int, int, int, int) { return 0.0f; });
+    image_scale_min = 0.0f;
+    image_scale_max = 64.0f;
+    fill_graph_values({0, 0, 0});
+    graph_data_range(&lo, &hi);
+    EXPECT_EQ(hi, 10.0f);
+}
+
 TEST(GraphAxisRange, NiceStepsOfOneTwoOrFiveWidenTheRangeToWholeSteps)
 {
     struct Case { float lo, hi, amin, amax, step; };

@@ -169,6 +169,17 @@ TEST(ComputePhase, NegativeRealAxisWraps)
     EXPECT_EQ(compute_phase({-1, 0}), -3.1415925f);
 }
 
+TEST(ComputePhase, HalfTurnIsAddedInDoubleAndRoundedOnce)
+{
+    /* atan(-4) = -1.32581766366803; + 3.141592654 = 1.81577499033197, whose nearest floats are
+       1.81577492 (7.3e-8 below) and 1.81577504 (4.6e-8 above). Rounding the arctangent to the
+       float -1.32581770 first would give 1.81577495 and so 1.81577492. */
+    EXPECT_EQ(compute_phase({-1, 4}), 1.81577504f);
+    /* atan(1) + 3.141592654 = 3.92699082 held as 3.9269907, wrapped to -3 pi / 4 */
+    EXPECT_EQ(compute_phase({-1, -1}), -2.35619450f);
+    EXPECT_EQ(compute_phase({2, 2}), 0.78539819f);
+}
+
 TEST(LanczosFilter, OneAtZeroAndZeroAtAndBeyondTheSupport)
 {
     EXPECT_EQ(Lanczos_filter(3, 0.0f), 1.0f);

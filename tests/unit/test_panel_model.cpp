@@ -209,6 +209,37 @@ TEST_F(Panel, FullAlignmentWithNothingSelectedPrintsInOrder)
     for (int j = 0; j < 12; j++) EXPECT_EQ(AlignAid.Adjust[j], 1) << j;
 }
 
+TEST_F(Panel, DisplayTypesStepThroughFieldsAndBasisWithAGreyWindowOfTheirOwn)
+{
+    const data_stack *shown_by_type[6] = {&individual, &template_, &distort_x, &distort_y, &distort_z, &NL_bases};
+    AlignAid.DisplayType = 0;
+    for (int k = 1; k <= 6; k++) {
+        action_change_display_type(1);
+        EXPECT_EQ(AlignAid.DisplayType, k % 6);
+        EXPECT_EQ(mosaic.stack, shown_by_type[k % 6]) << k;
+    }
+    action_change_display_type(-1);
+    EXPECT_EQ(AlignAid.DisplayType, 5);
+    action_change_display_type(0);  // space: any type but the individual goes back to it
+    EXPECT_EQ(AlignAid.DisplayType, 0);
+
+    /* an x field of -3..1.5 mm is shown with that range; the remembered window then stays */
+    distort_scale_min = distort_scale_max = 0.0f;
+    contrast_low = 0.0f;
+    contrast_high = 1.0f;
+    distort_x.SpaceTime.fData[5] = -3.0f;
+    distort_x.SpaceTime.fData[9] = 1.5f;
+    AlignAid.DisplayType = 1;
+    action_change_display_type(1);
+    EXPECT_EQ(image_scale_min, -3.0f);
+    EXPECT_EQ(image_scale_max, 1.5f);
+    image_scale_min = -1.0f;  // as after a contrast drag
+    action_change_display_type(-1);
+    action_change_display_type(1);
+    EXPECT_EQ(image_scale_min, -1.0f);
+    EXPECT_EQ(image_scale_max, 1.5f);
+}
+
 TEST(OverlayFilter, ClearedOverlayLeavesAnEmptyMask)
 {
     DisplayHooks = {};

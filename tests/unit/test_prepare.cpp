@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <algorithm>
 #include <cstring>
+#include <random>
 #include <string>
+#include <vector>
 
 #include "align_model.h"
 #include "display_hooks.h"
@@ -129,6 +132,69 @@ TEST(DownsampleStack, HalvingKeepsConstantsAndInteriorRampsAndSetsTheCoarseGeome
             for (int i = 1; i <= 2; i++) ASSERT_NEAR(s.SpaceTime.fData[(z * 3 + y) * 4 + i], 2 * i + 0.5f, 1e-4);
     // At the edge the kernel is cut off: the first voxel leans inwards.
     EXPECT_GT(s.SpaceTime.fData[0], 0.5f);
+    free_stack(&s);
+}
+
+/* Brute-force reduction of one real volume: every old voxel within the kernel's reach of the
+   new voxel's position, Gauss weights multiplied z, x, y in float, sums in double. The
+   Gaussian's sigma is 0.425 s rounded once from double, or with float_sigma the product
+   0.425f * s taken in float. */
+static std::vector<float> reduce_by_brute_force(const data_stack &old, IPOINT3D nd, bool float_sigma)
+{
+    IPOINT3D od = old.dim;
+    float s[3] = {(float)od.x / (float)nd.x, (float)od.y / (float)nd.y, (float)od.z / (float)nd.z};
+    float sigma[3];
+    int w[3];
+    for (int a = 0; a < 3; a++) {
+        sigma[a] = float_sigma ? 0.425f * s[a] : (float)(0.425 * (double)s[a]);
+        w[a] = std::max(1, (int)std::floor(s[a]));
+    }
+    POINT3D res = {s[0] * old.resolution.x, s[1] * old.resolution.y, s[2] * old.resolution.z};
+    POINT3D origin = {(1.0f - (float)nd.x) * res.x / 2.0f, (1.0f - (float)nd.y) * res.y / 2.0f,
+                      (1.0f - (float)nd.z) * res.z / 2.0f};
+    mat44 to_space = scale_and_shift_to_mat44(res, origin, {1.0f, 1.0f, 1.0f});
+    mat44 to_old = centered_xyz_to_ijk(old);
+    std::vector<float> out;
+    for (int k = 0; k < nd.z; k++)
+        for (int j = 0; j < nd.y; j++)
+            for (int i = 0; i < nd.x; i++) {
+                POINT3D p = apply_mat44(to_space, (float)i, (float)j, (float)k);
+                POINT3D v = apply_mat44(to_old, p.x, p.y, p.z);
+                double sum = 0.0, weights = 0.0;
+                for (int z = 0; z < od.z; z++)
+                    for (int y = 0; y < od.y; y++)
+                        for (int x = 0; x < od.x; x++) {
+                            if (x < std::floor(v.x) - w[0] || x > std::ceil(v.x) + w[0]) continue;
+                            if (y < std::floor(v.y) - w[1] || y > std::ceil(v.y) + w[1]) continue;
+                            if (z < std::floor(v.z) - w[2] || z > std::ceil(v.z) + w[2]) continue;
+                            float weight = Gauss(v.z - (float)z, 0.0f, sigma[2]) * Gauss(v.x - (float)x, 0.0f, sigma[0]) *
+                                           Gauss(v.y - (float)y, 0.0f, sigma[1]);
+                            sum += (double)weight * (double)old.SpaceTime.fData[(z * od.y + y) * od.x + x];
+                            weights += (double)weight;
+                        }
+                out.push_back(weights == 0.0 ? 0.0f : (float)(sum / weights));
+            }
+    return out;
+}
+
+TEST(DownsampleStack, GaussianWidthIsComputedInDoubleAsTheResamplingDoes)
+{
+    data_stack s;
+    make_stack(&s, 24, 21, 19, 1);
+    std::mt19937 rng{1};
+    std::uniform_real_distribution<float> u(0.0f, 1000.0f);
+    for (int i = 0; i < s.n3d; i++) s.SpaceTime.fData[i] = u(rng);
+    std::vector<float> want = reduce_by_brute_force(s, {12, 10, 9}, false);
+    std::vector<float> float_width = reduce_by_brute_force(s, {12, 10, 9}, true);
+    int differ = 0;
+    for (size_t v = 0; v < want.size(); v++) differ += want[v] != float_width[v];
+    ASSERT_GT(differ, 20);  // the two widths are told apart on this reduction
+
+    downsample_stack(&s, {12, 10, 9});
+    ASSERT_EQ(s.n3d, 1080);
+    int wrong = 0;
+    for (int v = 0; v < 1080; v++) wrong += s.SpaceTime.fData[v] != want[v];
+    EXPECT_EQ(wrong, 0);
     free_stack(&s);
 }
 

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <malloc.h>
 #include <random>
 #include <string>
 #include <unistd.h>
@@ -297,6 +298,40 @@ TEST(ReadSpaceTimeData, GzippedNiftiReadsLikeItsPlainTwin)
     EXPECT_EQ(q.SpaceTime.fData[1], -2.0f);
 }
 
+TEST(ReadSpaceTimeData, EachFileIsCheckedInItsTurnAndAShortOneCostsNoMemory)
+{
+    ScopedTempDir dir;
+    // p.x: 11 volumes of 100000 bytes, enough for progress lines (nt / 10 = 1: every volume);
+    // h.x promises 2000 volumes (800 MB as floats) and holds 10 bytes; c.x is the last file
+    // and gives the stack its 100000 voxels.
+    const char *uchar = "storage-type unsigned-char\n";
+    write_quill_volume("p.x", 100000, 1, 1, 11, 0, 1, {}, uchar);
+    write_binary_file("p.x", std::vector<unsigned char>(1100000, 9));
+    write_quill_volume("h.x", 100000, 1, 1, 2000, 0, 1, {}, uchar);
+    write_binary_file("h.x", std::vector<unsigned char>(10, 1));
+    write_quill_volume("c.x", 100000, 1, 1, 1, 0, 1, {}, uchar);
+    write_binary_file("c.x", std::vector<unsigned char>(100000, 2));
+    Files f({{"p.x", 0}, {"h.x", 0}, {"c.x", 0}});
+    data_stack s = empty_stack();
+    Load l = load(&s, f);
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.nfiles, 1);
+    std::string want;
+    for (int figure = 0; figure <= 100; figure += 10) want += "\rp.x: " + std::to_string(figure) + " %";
+    EXPECT_EQ(l.out, want + "\rp.x: 100 %\n" + "Error reading the data from file h.x\n");
+    ASSERT_NE(s.SpaceTime.fData, nullptr);
+    EXPECT_FLOAT_EQ(s.SpaceTime.fData[1099999], 9.0f);
+    // room for p.x's 11 volumes only, not for the 2012 volumes of the list
+    EXPECT_LT(malloc_usable_size(s.SpaceTime.fData), (size_t)12 * 100000 * sizeof(float));
+
+    // an earlier file that cannot be opened is reported first, the short one never
+    remove("p.x");
+    data_stack m = empty_stack();
+    l = load(&m, f);
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.out, "\nError: cannot open file p.x.\n");
+}
+
 TEST(ReadSpaceTimeData, StacksTooLargeForTheAllocatorAreRefused)
 {
     ScopedTempDir dir;
@@ -345,6 +380,37 @@ TEST(ReadFreesurferFile, SlicesFillTheirPlanesOfEveryVolume)
     l = load_one(&s, "s1_");
     EXPECT_EQ(l.result, 1);
     EXPECT_EQ(l.out, "\nError: cannot open file s1_\n");
+}
+
+TEST(ReadFreesurferFile, AStackBeforeTheLastFileRunsOnIntoTheNextVolumesWithinTheArray)
+{
+    ScopedTempDir dir;
+    // a.bfloat and b.bfloat hold 2 x 2 x 2 volumes; the stack f_ between them is 2 x 2 x 4, so
+    // its planes 2 and 3 run on into the stack's next volume, which b.bfloat then fills.
+    std::vector<double> f16 = ramp(16, 100, 1);
+    write_quill_volume("a.bfloat", 2, 2, 2, 1, 2, 1, ramp(8, 0, 1));
+    write_freesurfer_volume("f_", 2, 2, 4, 1, 1.0f, 1.0f, 2.0f, 2, machine_byte_order(), f16);
+    write_quill_volume("b.bfloat", 2, 2, 2, 2, 2, 1, ramp(16, 200, 1));
+    Files fit({{"a.bfloat", 0}, {"f_", 0}, {"b.bfloat", 0}});
+    data_stack s = empty_stack();
+    Load l = load(&s, fit);
+    ASSERT_EQ(l.result, 0) << l.out;
+    EXPECT_EQ(l.out, "");
+    EXPECT_EQ(s.nt, 4);
+    EXPECT_EQ(fit.nodes[1].start_image, 1);
+    for (int i = 0; i < 32; i++) {
+        double want = i < 8 ? i : (i < 16 ? 100 + (i - 8) : 200 + (i - 16));
+        EXPECT_FLOAT_EQ(s.SpaceTime.fData[i], (float)want) << i;
+    }
+
+    // five planes from volume 1 of a 3-volume stack would end at element 28 of 24: refused
+    write_freesurfer_volume("g_", 2, 2, 5, 1, 1.0f, 1.0f, 2.0f, 2, machine_byte_order(), ramp(20, 0, 1));
+    write_quill_volume("c.bfloat", 2, 2, 2, 1, 2, 1, ramp(8, 0, 1));
+    Files past({{"a.bfloat", 0}, {"g_", 0}, {"c.bfloat", 0}});
+    data_stack p = empty_stack();
+    l = load(&p, past);
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.out, "Error: the 5 slices of g_ reach past the end of the stack.\n");
 }
 
 /* The brain templates of mricron-data, read here and by nibabel at the same voxels. */
