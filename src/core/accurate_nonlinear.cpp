@@ -6,6 +6,7 @@
    and individual. No X11. */
 #include "accurate_nonlinear.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -22,41 +23,79 @@
 
 /* Regularisation in voxels of the level: the Gaussian window over which each voxel's step is
    fitted, and the Gaussian that smooths the field after each step. */
-static const double window_sigma = 3.0, field_sigma = 1.0;
+static const double window_sigma = 3.0, field_sigma = 1.5;
 
 /* Smooths a grid in place with a separable Gaussian of sigma voxels (weights renormalised where
-   the kernel leaves the grid). */
-static void smooth_grid(float *data, IPOINT3D d, double sigma)
+   the kernel leaves the grid), computing only the box [lo, hi) and taking the values outside it
+   as 0: exact for data that are 0 farther than 3 sigma outside the box. Float sums; along y and z
+   whole rows of x are summed at once. */
+static void smooth_box(float *data, IPOINT3D d, IPOINT3D lo, IPOINT3D hi, double sigma)
 {
-    if (!(sigma > 0.0)) return;
+    if (!(sigma > 0.0) || hi.x <= lo.x || hi.y <= lo.y || hi.z <= lo.z) return;
     int half = (int)ceil(3.0 * sigma);
-    std::vector<double> w((size_t)(2 * half + 1));
-    for (int k = -half; k <= half; k++) w[(size_t)(k + half)] = exp(-0.5 * k * k / (sigma * sigma));
-    for (int axis = 0; axis < 3; axis++) {
-        int n = axis == 0 ? d.x : axis == 1 ? d.y : d.z;
-        size_t stride = axis == 0 ? 1 : axis == 1 ? (size_t)d.x : (size_t)d.x * d.y;
-        int na = axis == 0 ? d.y : d.x, nb = axis == 2 ? d.y : d.z;
-        parallel_ranges(nb, [&](int b0, int b1) {
-            std::vector<double> line((size_t)n);
-            for (int b = b0; b < b1; b++)
-                for (int a = 0; a < na; a++) {
-                    size_t base;
-                    if (axis == 0) base = ((size_t)b * d.y + a) * d.x;
-                    else if (axis == 1) base = (size_t)b * d.x * d.y + a;
-                    else base = (size_t)b * d.x + a;
-                    for (int i = 0; i < n; i++) line[(size_t)i] = data[base + stride * i];
-                    for (int i = 0; i < n; i++) {
-                        double sum = 0.0, weight = 0.0;
-                        int lo = i - half < 0 ? -i : -half, hi = i + half >= n ? n - 1 - i : half;
-                        for (int k = lo; k <= hi; k++) {
-                            sum += w[(size_t)(k + half)] * line[(size_t)(i + k)];
-                            weight += w[(size_t)(k + half)];
-                        }
-                        data[base + stride * i] = (float)(sum / weight);
-                    }
+    std::vector<float> w((size_t)(2 * half + 1));
+    for (int k = -half; k <= half; k++) w[(size_t)(k + half)] = (float)exp(-0.5 * k * k / (sigma * sigma));
+    int blo[3] = {lo.x, lo.y, lo.z}, bhi[3] = {hi.x, hi.y, hi.z}, dim[3] = {d.x, d.y, d.z};
+    /* 1 / the sum of the weights that fall inside the grid, per position along each axis */
+    std::vector<float> norm[3];
+    for (int a = 0; a < 3; a++) {
+        norm[a].resize((size_t)dim[a]);
+        for (int i = 0; i < dim[a]; i++) {
+            double sum = 0.0;
+            for (int k = -half; k <= half; k++)
+                if (i + k >= 0 && i + k < dim[a]) sum += w[(size_t)(k + half)];
+            norm[a][(size_t)i] = (float)(1.0 / sum);
+        }
+    }
+    const size_t sy = (size_t)d.x, sz = (size_t)d.x * d.y;
+    const int nxb = hi.x - lo.x;
+
+    /* along x: each line padded with zeros */
+    parallel_ranges(hi.z - lo.z, [&](int z0, int z1) {
+        std::vector<float> line((size_t)(nxb + 2 * half), 0.0f);
+        for (int z = lo.z + z0; z < lo.z + z1; z++)
+            for (int y = lo.y; y < hi.y; y++) {
+                float *row = data + sz * z + sy * y;
+                for (int x = 0; x < nxb; x++) line[(size_t)(x + half)] = row[lo.x + x];
+                for (int x = 0; x < nxb; x++) {
+                    float sum = 0.0f;
+                    const float *l = &line[(size_t)x];
+                    for (int k = 0; k <= 2 * half; k++) sum += w[(size_t)k] * l[k];
+                    row[lo.x + x] = sum * norm[0][(size_t)(lo.x + x)];
                 }
+            }
+    });
+    /* along y and along z: rows of x summed together, through a scratch of the box's lines */
+    for (int axis = 1; axis < 3; axis++) {
+        int n = bhi[axis] - blo[axis];
+        size_t stride = axis == 1 ? sy : sz;
+        int outer_lo = axis == 1 ? lo.z : lo.y, outer_hi = axis == 1 ? hi.z : hi.y;
+        size_t outer_stride = axis == 1 ? sz : sy;
+        parallel_ranges(outer_hi - outer_lo, [&](int o0, int o1) {
+            std::vector<float> in((size_t)(n + 2 * half) * nxb), acc((size_t)nxb);
+            for (int o = outer_lo + o0; o < outer_lo + o1; o++) {
+                float *base = data + outer_stride * o + lo.x;
+                std::fill(in.begin(), in.end(), 0.0f);
+                for (int i = 0; i < n; i++)
+                    memcpy(&in[(size_t)(i + half) * nxb], base + stride * (size_t)(blo[axis] + i), sizeof(float) * nxb);
+                for (int i = 0; i < n; i++) {
+                    std::fill(acc.begin(), acc.end(), 0.0f);
+                    for (int k = 0; k <= 2 * half; k++) {
+                        const float wk = w[(size_t)k], *src = &in[(size_t)(i + k) * nxb];
+                        for (int x = 0; x < nxb; x++) acc[(size_t)x] += wk * src[x];
+                    }
+                    float f = norm[axis][(size_t)(blo[axis] + i)];
+                    float *dst = base + stride * (size_t)(blo[axis] + i);
+                    for (int x = 0; x < nxb; x++) dst[x] = acc[(size_t)x] * f;
+                }
+            }
         });
     }
+}
+
+static void smooth_grid(float *data, IPOINT3D d, double sigma)
+{
+    smooth_box(data, d, IPOINT3D{0, 0, 0}, d, sigma);
 }
 
 /* Trilinear value of a grid at a real-valued voxel position, the position clamped to the grid. */
@@ -236,12 +275,12 @@ int accurate_nonlinear_search(accurate_nonlinear_report *report)
         free_float_vector(mask.data);
         return 1;
     }
-    /* Levels at 4, 2 and 1 times a base voxel: the template's, doubled until the shortest axis
-       has at most 128 voxels (a smooth field needs no finer grid; it is interpolated onto the
-       template's), each level keeping at least 16 voxels along every axis. */
+    /* Levels at 4, 2 and 1 times a base voxel: the template's, doubled while the shortest axis
+       would have more than 256 voxels (a finer field is interpolated onto the template's grid),
+       each coarse level keeping at least 16 voxels along every axis. */
     int base = 1, shortest = tpl.dim.x < tpl.dim.y ? tpl.dim.x : tpl.dim.y;
     if (tpl.dim.z < shortest) shortest = tpl.dim.z;
-    while (shortest / base > 128) base *= 2;
+    while (shortest / base > 256) base *= 2;
     int factors[3] = {4, 2, 1}, iterations[3] = {40, 30, 20}, nlevels = 0;
     double level_mm[3];
     int level_iterations[3], level_full[3];
@@ -258,7 +297,7 @@ int accurate_nonlinear_search(accurate_nonlinear_report *report)
     for (int l = 0; l < nlevels; l++) {
         auto t0 = std::chrono::steady_clock::now();
         search_level L;
-        build_level(&L, &tpl, &mask, &ind, level_mm[l], level_full[l]);
+        build_level(&L, &tpl, &mask, &ind, level_mm[l], level_full[l], 1);
         int n = (int)grid_size(L.tpl.dim);
         float *field[3], *step[3], *sums[9];
         for (int c = 0; c < 3; c++) {
@@ -276,6 +315,25 @@ int accurate_nonlinear_search(accurate_nonlinear_report *report)
         r->voxel_mm = L.tpl.res.x;
         r->dim = L.tpl.dim;
 
+        /* the sums are 0 outside the inside voxels: their smoothing needs only the box around
+           those voxels widened by the window's reach */
+        IPOINT3D lo = L.tpl.dim, hi = {0, 0, 0};
+        for (int z = 0; z < L.tpl.dim.z; z++)
+            for (int y = 0; y < L.tpl.dim.y; y++)
+                for (int x = 0; x < L.tpl.dim.x; x++) {
+                    if (!L.inside[(size_t)x + (size_t)L.tpl.dim.x * ((size_t)y + (size_t)L.tpl.dim.y * z)]) continue;
+                    if (x < lo.x) lo.x = x;
+                    if (y < lo.y) lo.y = y;
+                    if (z < lo.z) lo.z = z;
+                    if (x + 1 > hi.x) hi.x = x + 1;
+                    if (y + 1 > hi.y) hi.y = y + 1;
+                    if (z + 1 > hi.z) hi.z = z + 1;
+                }
+        int reach = (int)ceil(3.0 * window_sigma) + 1;
+        lo = {lo.x - reach > 0 ? lo.x - reach : 0, lo.y - reach > 0 ? lo.y - reach : 0, lo.z - reach > 0 ? lo.z - reach : 0};
+        hi = {hi.x + reach < L.tpl.dim.x ? hi.x + reach : L.tpl.dim.x, hi.y + reach < L.tpl.dim.y ? hi.y + reach : L.tpl.dim.y,
+              hi.z + reach < L.tpl.dim.z ? hi.z + reach : L.tpl.dim.z};
+        if (hi.x <= lo.x) lo = hi = IPOINT3D{0, 0, 0};
         engine_state saved;
         enter_level(&saved, &L, &L.support, scratch, field);
         double previous_loss = 0.0;
@@ -290,7 +348,7 @@ int accurate_nonlinear_search(accurate_nonlinear_report *report)
                 flat = 0;
             }
             previous_loss = loss;
-            for (int k = 0; k < 9; k++) smooth_grid(sums[k], L.tpl.dim, window_sigma);
+            for (int k = 0; k < 9; k++) smooth_box(sums[k], L.tpl.dim, lo, hi, window_sigma);
             solve_steps(sums, (size_t)n, L.tpl.res.x, step);
             r->iterations++;
             for (int c = 0; c < 3; c++) {

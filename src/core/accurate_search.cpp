@@ -598,7 +598,7 @@ int accurate_affine_search(int search_orientation, accurate_search_report *repor
     }
 
     search_level coarse;
-    build_level(&coarse, &tpl, &mask, &ind, level_mm[0], nlevels == 1);
+    build_level(&coarse, &tpl, &mask, &ind, level_mm[0], nlevels == 1, 1);
     float *scratch = float_vector((int)grid_size(coarse.tpl.dim));
     double ct[3], ci[3];
     if (centre_of_mass(&coarse.compare, ct) || centre_of_mass(&coarse.ind, ci)) {
@@ -650,7 +650,7 @@ int accurate_affine_search(int search_orientation, accurate_search_report *repor
         int finest = l == nlevels - 1;
         search_level L;
         if (l == 0) L = coarse;
-        else build_level(&L, &tpl, &mask, &ind, level_mm[l], finest);
+        else build_level(&L, &tpl, &mask, &ind, level_mm[l], finest, 1);
         scratch = float_vector((int)grid_size(L.tpl.dim));
         search_level_report *r = &report->level[report->nlevels++];
         r->voxel_mm = L.tpl.res.x;

@@ -17,6 +17,7 @@
 #include "accurate_nonlinear.h"
 #include "accurate_search.h"
 #include "affine_search.h"
+#include "apply_images.h"
 #include "align_model.h"
 #include "batch_summary.h"
 #include "display_hooks.h"
@@ -328,7 +329,7 @@ int run_batch_alignment(const batch_options *o)
            r.search, o->nonlinear ? " and non-linear stage" : "", dir);
     fflush(stdout);
 
-    if (start_session(o->individual, o->template_name, 3) != 0) return 1;
+    if (start_session(o->individual, o->template_name, 0) != 0) return 1;
     if (o->mask != NULL && apply_template_mask(o->mask) != 0) return 1;
     r.seconds_read = seconds_since(start);
 
@@ -377,6 +378,14 @@ int run_batch_alignment(const batch_options *o)
     if (status == 0) {
         snprintf(r.outputs[0], sizeof r.outputs[0], "%s/align.com", dir);
         if (o->nonlinear) snprintf(r.outputs[1], sizeof r.outputs[1], "%s/distortions.nii", dir);
+    }
+    if (status == 0) {
+        char name[1100];
+        snprintf(name, sizeof name, "%s/aligned.nii.gz", dir);
+        printf("writing %s\n", name);
+        fflush(stdout);
+        status = write_aligned_volume(&original_unfiltered, o->template_name, name);
+        if (status == 0) snprintf(r.outputs[2], sizeof r.outputs[2], "%s", name);
     }
     if (status == 0) {
         char name[1100];

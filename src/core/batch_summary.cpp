@@ -12,7 +12,7 @@
 
 #include "safe_save.h"
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;
 
 static json number(double v)
 {

@@ -129,10 +129,8 @@ IPOINT3D reduced_dim(IPOINT3D dim, POINT3D res, POINT3D voxel_mm)
     return d;
 }
 
-/* Builds level L from the full template (values and the mask of its non-zero voxels) and the
-   individual, both reduced to voxels of about voxel_mm (the template's own grid when factor 1). */
 void build_level(search_level *L, const grid_volume *tpl, const grid_volume *mask, const grid_volume *ind,
-                        double voxel_mm, int full)
+                 double voxel_mm, int full, int erode)
 {
     memset(L, 0, sizeof *L);
     POINT3D target = {(float)(voxel_mm / tpl->res.x * tpl->res.x), (float)(voxel_mm / tpl->res.x * tpl->res.y),
@@ -155,15 +153,25 @@ void build_level(search_level *L, const grid_volume *tpl, const grid_volume *mas
         L->compare.data[i] = L->inside[i] ? (L->tpl.data[i] != 0.0f ? L->tpl.data[i] : rim_value) : 0.0f;
     }
     int nx = td.x, ny = td.y, nz = td.z;
+    /* the mask's outer voxels (and the grid's faces) do not take part: a template's mask edge
+       is where the two volumes differ most (skull beside a stripped brain, partial volumes) */
+    std::vector<unsigned char> keep(n);
+    for (int pass = 0; pass < erode; pass++) {
+        for (size_t i = 0; i < n; i++) keep[i] = L->inside[i];
         for (int z = 0; z < nz; z++)
             for (int y = 0; y < ny; y++)
                 for (int x = 0; x < nx; x++) {
                     size_t i = (size_t)x + (size_t)nx * ((size_t)y + (size_t)ny * z);
-                    if (!L->inside[i]) continue;
-                    if (x == 0 || y == 0 || z == 0 || x == nx - 1 || y == ny - 1 || z == nz - 1) { L->inside[i] = 0; continue; }
+                    if (!keep[i]) continue;
+                    if (x == 0 || y == 0 || z == 0 || x == nx - 1 || y == ny - 1 || z == nz - 1) {
+                        L->inside[i] = 0;
+                        continue;
+                    }
                     size_t st[3] = {1, (size_t)nx, (size_t)nx * ny};
-                    for (int a = 0; a < 3; a++) if (m.data[i + st[a]] < 0.5f || m.data[i - st[a]] < 0.5f) L->inside[i] = 0;
+                    for (int a = 0; a < 3; a++)
+                        if (!keep[i + st[a]] || !keep[i - st[a]]) L->inside[i] = 0;
                 }
+    }
     free_grid(&m);
     double sum[4][4];
     memset(sum, 0, sizeof sum);

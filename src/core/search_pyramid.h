@@ -37,7 +37,7 @@ inline void centred_mm(const grid_volume *g, int x, int y, int z, double p[3])
 /* One level: the template and the individual reduced to about the same voxel size. */
 struct search_level {
     grid_volume tpl;        /* reduced template */
-    unsigned char *inside;  /* 1 where the reduced template takes part (its mask, less a one-voxel rim) */
+    unsigned char *inside;  /* 1 where the reduced template takes part (its mask, less its outer layers) */
     grid_volume support;    /* tpl inside the mask, a tiny value on a one-voxel rim around it, 0 elsewhere:
                                what the resampling walks, so that gradients are defined up to the rim */
     grid_volume compare;    /* tpl inside the mask, 0 elsewhere: what mutual information compares */
@@ -48,9 +48,10 @@ struct search_level {
 
 /* Builds level L from the template (values, and a mask volume of 1 where it takes part), and the
    individual, both reduced to voxels of about voxel_mm along the template's x axis (the
-   template's own grid when full is set). */
+   template's own grid when full is set). The inside set is the reduced mask less `erode'
+   layers of voxels. */
 void build_level(search_level *L, const grid_volume *tpl, const grid_volume *mask, const grid_volume *ind,
-                 double voxel_mm, int full);
+                 double voxel_mm, int full, int erode);
 void free_level(search_level *L);
 
 /* What enter_level replaced, for leave_level. */
