@@ -592,17 +592,25 @@ def clock(seconds):
 
 
 class Progress:
-    """Counts finished subjects; the time left is estimated from the rate so far."""
+    """Counts finished subjects and estimates the time left: from the mean time of a subject
+    and the number run at once when that is known (GNU parallel), else from the rate so far."""
 
-    def __init__(self, total):
-        self.total, self.done, self.start = total, 0, time.time()
+    def __init__(self, total, at_once=None):
+        self.total, self.at_once, self.done, self.start = total, at_once, 0, time.time()
+        self.seconds = []
 
-    def finished(self, text):
+    def finished(self, text, seconds=None):
         self.done += 1
+        if seconds is not None:
+            self.seconds.append(seconds)
         elapsed = time.time() - self.start
         left = ""
         if self.done < self.total:
-            left = ", about %s left" % clock(elapsed / self.done * (self.total - self.done))
+            if self.at_once and self.seconds:
+                estimate = sum(self.seconds) / len(self.seconds) * (self.total - self.done) / self.at_once
+            else:
+                estimate = elapsed / self.done * (self.total - self.done)
+            left = ", about %s left" % clock(estimate)
         note("[%*d/%d] %s (%s elapsed%s)" % (len(str(self.total)), self.done, self.total, text,
                                             clock(elapsed), left))
 
@@ -627,14 +635,15 @@ def run_parallel(args, out, script, count):
          % (count, jobs, out))
     command = [parallel, "--will-cite", "--jobs", str(jobs), "--halt", "never",
                "bash", script, ":::"] + [str(i) for i in range(count)]
-    progress = Progress(count)
+    progress = Progress(count, jobs)
     process = subprocess.Popen(command, stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
                                text=True, env=env, start_new_session=False)
     try:
         for line in process.stdout:
             line = line.rstrip("\n")
             if re.match(r"^\S+: (done|FAILED)", line):
-                progress.finished(line)
+                took = re.search(r" (?:in|after) (\d+) s\b", line)
+                progress.finished(line, int(took.group(1)) if took else None)
             elif line:
                 note(line)
         process.wait()
