@@ -823,7 +823,7 @@ def report_html(rows, template, table, settings_text):
     if bad:
         parts.append("<p>Not aligned: %s</p>" % ", ".join(
             "<a href=\"#%s\">%s</a> (%s)" % (e(r["id"]), e(r["id"]), e(r["status"])) for r in bad))
-    parts.append("<table><tr><th>subject</th><th>status</th><th>similarity</th>"
+    parts.append("<table><tr><th>subject</th><th>status</th><th>similarity (mutual information)</th>"
                  "<th>folded voxels</th><th>time</th><th>QC picture: the template with the individual's edges, "
                  "before (top) and after (bottom) alignment; click for full size</th></tr>")
     for r in rows:
