@@ -59,8 +59,8 @@ int run_startup_steps(int number_panels, int batch_mode, char *ovl_name, char *w
         AlignAid.DisplaySet = 1;
         show_alignment_info();
         auto_adjust_affine_iterations(0, 3, 1);
-        save_alignment_parameters();
-        return 0;
+        /* a save that failed has printed why and kept the previous files */
+        return save_alignment_parameters() != 0 ? 1 : 0;
     }
 
     loop_X_events();

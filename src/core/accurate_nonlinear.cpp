@@ -297,7 +297,7 @@ int accurate_nonlinear_search(accurate_nonlinear_report *report)
     for (int l = 0; l < nlevels; l++) {
         auto t0 = std::chrono::steady_clock::now();
         search_level L;
-        build_level(&L, &tpl, &mask, &ind, level_mm[l], level_full[l], 1);
+        build_level(&L, &tpl, &mask, &ind, level_mm[l], level_full[l], 1, 1);
         int n = (int)grid_size(L.tpl.dim);
         float *field[3], *step[3], *sums[9];
         for (int c = 0; c < 3; c++) {

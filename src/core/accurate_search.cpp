@@ -15,8 +15,8 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "align_model.h"
@@ -29,7 +29,8 @@
 
 /* Sums of one step: E = sum of biweight losses; K = sum w v v', b = sum w v r, with v the
    derivative of the residual with respect to the twelve entries of rows 0..2 of the mapping
-   (template mm -> individual mm). */
+   (template mm -> individual mm). The individual's gradient comes from central differences of
+   I on the grid, or, when given, from resamplings `shifted' moved by eps_mm along its axes. */
 struct step_sums {
     double E;
     double K[12][12];
@@ -38,7 +39,7 @@ struct step_sums {
 };
 
 static void accumulate(const search_level *L, const float *I, const remap_table *m, double c, int derivatives,
-                       step_sums *S)
+                       step_sums *S, float *const shifted[3] = NULL, const double *eps_mm = NULL)
 {
     const grid_volume *T = &L->tpl;
     const int nx = T->dim.x, ny = T->dim.y, nz = T->dim.z;
@@ -73,12 +74,16 @@ static void accumulate(const search_level *L, const float *I, const remap_table 
                     double one = 1.0 - u * u;
                     P.E += c * c / 6.0 * (1.0 - one * one * one);
                     if (!derivatives) continue;
-                    if (x == 0 || y == 0 || z == 0 || x == nx - 1 || y == ny - 1 || z == nz - 1) continue;
-                    double w = one * one;
-                    double G[3] = {(I[i + sx] - I[i - sx]) / (2.0 * T->res.x), (I[i + sy] - I[i - sy]) / (2.0 * T->res.y),
-                                   (I[i + sz] - I[i - sz]) / (2.0 * T->res.z)};
-                    double g[3];
-                    for (int a = 0; a < 3; a++) g[a] = inv[0][a] * G[0] + inv[1][a] * G[1] + inv[2][a] * G[2];
+                    double w = one * one, g[3];
+                    if (shifted != NULL) {
+                        for (int a = 0; a < 3; a++) g[a] = (shifted[a][i] - I[i]) / eps_mm[a];
+                    } else {
+                        if (x == 0 || y == 0 || z == 0 || x == nx - 1 || y == ny - 1 || z == nz - 1) continue;
+                        double G[3] = {(I[i + sx] - I[i - sx]) / (2.0 * T->res.x),
+                                       (I[i + sy] - I[i - sy]) / (2.0 * T->res.y),
+                                       (I[i + sz] - I[i - sz]) / (2.0 * T->res.z)};
+                        for (int a = 0; a < 3; a++) g[a] = inv[0][a] * G[0] + inv[1][a] * G[1] + inv[2][a] * G[2];
+                    }
                     double p[4];
                     centred_mm(T, x, y, z, p);
                     p[3] = 1.0;
@@ -318,7 +323,7 @@ static double partial_volume_mi(const search_level *L, const float *I, const mi_
             }
         }
     });
-    static double joint[MI_BINS][MI_BINS];
+    double joint[MI_BINS][MI_BINS];
     double pa[MI_BINS], pt[MI_BINS], total = 0.0;
     memset(joint, 0, sizeof joint);
     for (int z = 0; z < nz; z++)
@@ -407,11 +412,6 @@ static int run_mi_steps(search_level *L, const int active[12], int kernel, int m
     float *base = float_vector(nvox), *shifted[3] = {float_vector(nvox), float_vector(nvox), float_vector(nvox)};
     double trial_mm = 4.0 * tolerance_mm;
     for (int step = 0; step < max_steps && n > 0; step++) {
-        remap_table m;
-        estimate_remap(L, I, &m);
-        double c = robust_cutoff(L, I, &m);
-        step_sums S;
-        accumulate(L, I, &m, c, 1, &S);
         /* the individual's gradient from three resamplings with the mapping moved a little along
            its axes: the derivative of what the kernel interpolates, edges included */
         float start_t[3] = {Alignment.value[0], Alignment.value[1], Alignment.value[2]};
@@ -427,6 +427,11 @@ static int run_mi_steps(search_level *L, const int active[12], int kernel, int m
             Alignment.value[k] = start_t[k];
         }
         memcpy(individual.SpaceTime.fData, base, nbytes);
+        remap_table m;
+        estimate_remap(L, I, &m);
+        double c = robust_cutoff(L, I, &m);
+        step_sums S;
+        accumulate(L, I, &m, c, 1, &S, shifted, eps_used);
         double gA[12], D[12][12];
         double mi0 = partial_volume_mi(L, I, &bins, gA, shifted, eps_used);
         affine_derivatives(D);
@@ -531,15 +536,22 @@ static double elapsed(std::chrono::steady_clock::time_point t0)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
-/* The 24 distinct quarter-turn orientations, the present one first. */
+/* Quarter turns of a setting: a half turn counts two. */
+static int turns_of(IPOINT3D r) { return abs(r.x) + abs(r.y) + abs(r.z) + (r.x == 2) + (r.y == 2) + (r.z == 2); }
+
+/* The 24 distinct quarter-turn orientations, the present one first, then each by its setting
+   with the fewest turns (so a turn about z is written 0 0 1, not 2 2 -1). */
 static int orientation_candidates(IPOINT3D out[24])
 {
-    IPOINT3D present = Alignment.OrientRotation;
+    IPOINT3D present = Alignment.OrientRotation, settings[65];
+    settings[0] = present;
+    for (int k = 0; k < 64; k++) settings[k + 1] = {k % 4 - 1, (k / 4) % 4 - 1, k / 16 - 1};
+    std::stable_sort(settings + 1, settings + 65,
+                     [](IPOINT3D a, IPOINT3D b) { return turns_of(a) < turns_of(b); });
     float seen[24][3][3];
     int count = 0;
-    for (int k = -1; k < 64 && count < 24; k++) {
-        IPOINT3D r = present;
-        if (k >= 0) r = {k % 4 - 1, (k / 4) % 4 - 1, k / 16 - 1};
+    for (int k = 0; k < 65 && count < 24; k++) {
+        IPOINT3D r = settings[k];
         Alignment.OrientRotation = r;
         calculate_orientation_rotation();
         int known = 0;
@@ -562,6 +574,12 @@ static int orientation_candidates(IPOINT3D out[24])
 
 /* ---- the search ---- */
 
+
+/* The finest level compares every second voxel along each axis (an eighth of them) on the
+   template's own grid: it needs no neighbours (its gradients come from moved resamplings), and
+   an eighth of the brain's voxels still fix the information's maximum, at an eighth of the
+   cost of each resampling. */
+static const int finest_lattice = 2;
 
 int accurate_affine_search(int search_orientation, accurate_search_report *report)
 {
@@ -598,7 +616,7 @@ int accurate_affine_search(int search_orientation, accurate_search_report *repor
     }
 
     search_level coarse;
-    build_level(&coarse, &tpl, &mask, &ind, level_mm[0], nlevels == 1, 1);
+    build_level(&coarse, &tpl, &mask, &ind, level_mm[0], nlevels == 1, 1, 1);
     float *scratch = float_vector((int)grid_size(coarse.tpl.dim));
     double ct[3], ci[3];
     if (centre_of_mass(&coarse.compare, ct) || centre_of_mass(&coarse.ind, ci)) {
@@ -650,7 +668,7 @@ int accurate_affine_search(int search_orientation, accurate_search_report *repor
         int finest = l == nlevels - 1;
         search_level L;
         if (l == 0) L = coarse;
-        else build_level(&L, &tpl, &mask, &ind, level_mm[l], finest, 1);
+        else build_level(&L, &tpl, &mask, &ind, level_mm[l], finest, 1, finest ? finest_lattice : 1);
         scratch = float_vector((int)grid_size(L.tpl.dim));
         search_level_report *r = &report->level[report->nlevels++];
         r->voxel_mm = L.tpl.res.x;

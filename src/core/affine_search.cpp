@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "align_model.h"
 #include "display_hooks.h"
@@ -86,6 +87,48 @@ void ParabolicInterpolation(float X3Point[3], float Y3Point[3], float *XMax, flo
     *YMax = yv * ys + Y3Point[1];
 }
 
+/* The end of a line scan that met a similarity that is not a number. */
+[[noreturn]] static void undefined_similarity(const float X3Point[3], const float Y3Point[3])
+{
+    printf("Programming or memory error in line_scan_1d\n");
+    printf("X3Point = (%g %g %g), Y3Point = (%g %g %g)\n", X3Point[0], X3Point[1], X3Point[2],
+           Y3Point[0], Y3Point[1], Y3Point[2]);
+    fflush(stdout);
+    exit(1);
+}
+
+/* Two resamplings that differ by rounding at most: every voxel within a millionth of its
+   earlier value (a constant individual comes back as its value give or take an ulp, however
+   it is moved). */
+static int same_but_for_rounding(const float *now, const float *before, size_t n)
+{
+    for (size_t i = 0; i < n; i++)
+        if (!(fabsf(now[i] - before[i]) <= 1e-6f * fabsf(before[i]))) return 0;
+    return 1;
+}
+
+/* For a march step that left the similarity as it was: 1 when the resampled individual is
+   also as the previous such step left it (but for rounding), so that the step changed
+   nothing; otherwise 0, after keeping a copy of it in *copy (allocated here, freed by the
+   caller) for the next step. Always 0 while no individual is allocated. */
+static int step_changed_nothing(float **copy, int *have_copy)
+{
+    size_t n = individual.n3d > 0 ? (size_t)individual.n3d : 0;
+    if (individual.SpaceTime.fData == NULL || n == 0 || graph.iTime < 0 || graph.iTime >= individual.nt)
+        return 0;
+    const float *now = individual.SpaceTime.fData + (size_t)graph.iTime * n;
+    if (*copy == NULL) *copy = float_vector((int)n);
+    else if (*have_copy && same_but_for_rounding(now, *copy, n)) return 1;
+    memcpy(*copy, now, n * sizeof(float));
+    *have_copy = 1;
+    return 0;
+}
+
+/* The march of a line scan may stop only where nothing changes any more: a step whose
+   similarity equals the best so far and whose resampled individual equals the previous such
+   step's but for rounding (an empty or constant individual, a parameter without effect on the
+   template grid, or every template voxel moved off the individual's grid). A real similarity
+   never does both, so those scans are not touched. */
 void line_scan_1d(int icost, float cost_initial, float *cost_final, float *increment_final)
 {
     int p = AlignAid.iParameter;
@@ -110,19 +153,19 @@ void line_scan_1d(int icost, float cost_initial, float *cost_final, float *incre
         return;
     }
 
+    /* Any similarity that is not a number takes the error path, not only one that leaves
+       no direction. */
+    if (std::isnan(Y3Point[0]) || std::isnan(Y3Point[1]) || std::isnan(Y3Point[2]))
+        undefined_similarity(X3Point, Y3Point);
     int direction;
     if (Y3Point[0] >= Y3Point[1]) direction = -1;
     else if (Y3Point[2] >= Y3Point[1]) direction = 1;
-    else {
-        printf("Programming or memory error in line_scan_1d\n");
-        printf("X3Point = (%g %g %g), Y3Point = (%g %g %g)\n", X3Point[0], X3Point[1], X3Point[2],
-               Y3Point[0], Y3Point[1], Y3Point[2]);
-        fflush(stdout);
-        exit(1);
-    }
+    else undefined_similarity(X3Point, Y3Point);
 
     /* March from the better end while the similarity does not fall; the bracket's middle
        point is always the best seen before the newest point. No step limit. */
+    float *flat_copy = NULL;
+    int have_flat_copy = 0;
     for (;;) {
         float xnew, ynew;
         if (direction < 0) {
@@ -140,8 +183,26 @@ void line_scan_1d(int icost, float cost_initial, float *cost_final, float *incre
             X3Point[1] = X3Point[2]; Y3Point[1] = Y3Point[2];
             X3Point[2] = xnew;       Y3Point[2] = ynew;
         }
+        if (std::isnan(ynew)) undefined_similarity(X3Point, Y3Point);
         if (ynew < Y3Point[1]) break;
+        if (ynew > Y3Point[1]) {
+            have_flat_copy = 0;
+            continue;
+        }
+        if (step_changed_nothing(&flat_copy, &have_flat_copy)) {
+            const char *name = AlignAid.name[p];
+            while (*name == ' ') name++;
+            printf("The line search of %s stops at %g: its steps no longer change the resampled individual\n",
+                   name, X3Point[1]);
+            printf("(an empty or constant individual, a parameter without effect, or no template voxel left on its grid).\n");
+            fflush(stdout);
+            free_float_vector(flat_copy);
+            *cost_final = Y3Point[1];
+            *increment_final = X3Point[1] - v;
+            return;
+        }
     }
+    if (flat_copy != NULL) free_float_vector(flat_copy);
     ParabolicInterpolation(X3Point, Y3Point, &xbest, &ybest);
     *cost_final = ybest;
     *increment_final = xbest - v;

@@ -18,7 +18,10 @@ int adjust_affine_1pass(int icost, int ilevel);
 /* Line search of parameter AlignAid.iParameter from its value v (similarity cost_initial):
    returns the best similarity and the best value minus v. Leaves the value changed (the
    caller restores it); halves the increment when the best lies inside the first bracket.
-   An undefined similarity ends the process ("Programming or memory error in line_scan_1d"). */
+   A similarity that is not a number ends the process ("Programming or memory error in
+   line_scan_1d"). The march has no step limit; it stops early, with a message, only when a
+   step leaves the similarity exactly and the resampled individual but for rounding as the
+   previous step did (nothing changes any more); the best point so far is then returned. */
 void line_scan_1d(int icost, float cost_initial, float *cost_final, float *increment_final);
 /* Vertex of the parabola through three points, fitted in float on coordinates centred and
    scaled on the middle point. A singular fit ends the process with status 1. */

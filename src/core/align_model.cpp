@@ -21,13 +21,14 @@
    Pinned by CalculateOrientationRotation.ThreeQuarterTurnsAreDegenerate. */
 void define_cosine_sine(int quarter_turns, float *cosine, float *sine)
 {
-    int degrees = quarter_turns * 90;
+    /* The turns are compared, not turns * 90 degrees: that product overflows for the large
+       counts an edited align.com can hold (2147483647 * 90 would wrap round to -90). */
     *cosine = 0.0f;
     *sine = 0.0f;
-    if (degrees == 0) *cosine = 1.0f;
-    if (degrees == 180) *cosine = -1.0f;
-    if (degrees == 90) *sine = 1.0f;
-    if (degrees == -90) *sine = -1.0f;
+    if (quarter_turns == 0) *cosine = 1.0f;
+    if (quarter_turns == 2) *cosine = -1.0f;
+    if (quarter_turns == 1) *sine = 1.0f;
+    if (quarter_turns == -1) *sine = -1.0f;
 }
 
 /* c = a * b for 3x3 blocks, each element summed in float over k = 0, 1, 2 from 0. */
@@ -166,9 +167,15 @@ static int coarse_subsample_x(int nx)
     return 2 * h < 8 ? 2 * h : 8;
 }
 
-/* Nearest integer of a float, ties to even, at least 1. */
-static int at_least_one(float v)
+/* Nearest integer of a float, ties to even, at least 1 and at most `most`, the template's size
+   along the axis: a larger step would leave the reduced grid without a voxel, and the bound
+   also keeps the ratios of extreme voxel sizes (and one that is not a number, which gives 1)
+   within the range of an int. */
+static int subsample_step(float v, int most)
 {
+    if (most < 1) most = 1;
+    if (!(v >= 1.0f)) return 1;
+    if (v >= (float)most) return most;
     int n = (int)rintf(v);
     return n > 1 ? n : 1;
 }
@@ -219,9 +226,9 @@ void initialize_alignment(void)
 
     int step_x = coarse_subsample_x(original_unfiltered.dim.x);
     float d = (float)step_x * original_unfiltered.resolution.x;
-    AlignAid.SubSampleSetting.x = step_x;
-    AlignAid.SubSampleSetting.y = at_least_one(d / original_unfiltered.resolution.y);
-    AlignAid.SubSampleSetting.z = at_least_one(d / original_unfiltered.resolution.z);
+    AlignAid.SubSampleSetting.x = subsample_step((float)step_x, template_.dim.x);
+    AlignAid.SubSampleSetting.y = subsample_step(d / original_unfiltered.resolution.y, template_.dim.y);
+    AlignAid.SubSampleSetting.z = subsample_step(d / original_unfiltered.resolution.z, template_.dim.z);
 
     AlignAid.nmask = 0;
     AlignAid.mask = float_vector(template_.n3d);

@@ -204,12 +204,11 @@ int inverse_positions(IPOINT3D individual_dim, POINT3D individual_resolution, vo
     define_affine_matrix();
     dmat44 affine, inverse, tpl_to_space, tpl_to_voxel, ind_to_space;
     to_dmat(Alignment.Affine, affine);
-    if (invert_dmat(affine, inverse)) {
+    to_dmat(centered_ijk_to_xyz(template_unfiltered).m, tpl_to_space);
+    if (invert_dmat(affine, inverse) || invert_dmat(tpl_to_space, tpl_to_voxel)) {
         printf("Error: the affine alignment is singular and cannot be inverted.\n");
         return 1;
     }
-    to_dmat(centered_ijk_to_xyz(template_unfiltered).m, tpl_to_space);
-    invert_dmat(tpl_to_space, tpl_to_voxel);
     to_dmat(grid_centered_ijk_to_xyz(individual_dim, individual_resolution).m, ind_to_space);
 
     IPOINT3D dim = individual_dim;

@@ -45,7 +45,8 @@ struct inverse_report {
    the residual is below 1e-5 mm or 200 steps. A voxel is counted as not invertible when its
    residual stays above 0.01 mm or the forward Jacobian at the nearest template voxel is <= 0.
    p is stored as template voxel position. Returns 0, or 1 after the message of
-   forward_positions. */
+   forward_positions or "Error: the affine alignment is singular and cannot be inverted.\n"
+   (as a degenerate re-orientation of three quarter turns makes it). */
 int inverse_positions(IPOINT3D individual_dim, POINT3D individual_resolution, voxel_positions *p,
                       inverse_report *report);
 

@@ -154,16 +154,26 @@ static int apply_template_mask(const char *name)
 
 /* ---- what the outputs need ---- */
 
-/* The individual resampled (fast kernel) over the whole template grid, not only where the
-   template is non-zero, into out (template n3d values): what the QC picture draws. */
-static void resample_whole_grid(float *out)
+/* The individual resampled (fast kernel) onto the planes that the QC picture draws and their
+   neighbours on either side (for its edges), whether the template is zero there or not, into
+   out (template n3d values, 0 off those planes). */
+static void resample_picture_planes(const qc_layout *layout, float *out)
 {
     size_t n = (size_t)template_.n3d;
+    IPOINT3D d = template_.dim;
     float *tpl = template_.SpaceTime.fData + (size_t)iTime_Template * n;
     float *saved = float_vector((int)n);
     memcpy(saved, tpl, sizeof(float) * n);
-    for (size_t i = 0; i < n; i++)
-        if (tpl[i] == 0.0f) tpl[i] = 1.0e-20f;
+    for (int z = 0; z < d.z; z++)
+        for (int y = 0; y < d.y; y++)
+            for (int x = 0; x < d.x; x++) {
+                int drawn = 0;
+                for (int p = 0; p < 3; p++) drawn |= abs(z - layout->slice[p]) <= 1;
+                drawn |= abs(y - layout->slice[3]) <= 1;
+                drawn |= abs(x - layout->slice[4]) <= 1;
+                size_t i = (size_t)x + (size_t)d.x * ((size_t)y + (size_t)d.y * z);
+                tpl[i] = !drawn ? 0.0f : tpl[i] != 0.0f ? tpl[i] : 1.0e-20f;
+            }
     transform_coordinates(1, 0);
     memcpy(out, individual.SpaceTime.fData + (size_t)graph.iTime * n, sizeof(float) * n);
     memcpy(tpl, saved, sizeof(float) * n);
@@ -271,6 +281,7 @@ static int accurate_affine(batch_record *r)
 {
     accurate_search_report rep;
     if (accurate_affine_search(1, &rep) != 0) return 1;
+    r->similarity_affine = rep.similarity; /* individual holds the accurate resampling */
     for (int k = 0; k < 3; k++) r->start_translation[k] = rep.start_translation[k];
     r->orientations_tried = rep.orientations_tried;
     for (int l = 0; l < rep.nlevels; l++)
@@ -335,21 +346,32 @@ int run_batch_alignment(const batch_options *o)
 
     size_t n3d = (size_t)template_.n3d;
     float *before = float_vector((int)n3d), *after = float_vector((int)n3d);
-    resample_whole_grid(before);
-    transform_coordinates(1, 0);
-    r.similarity_before = cost_function(0);
-    printf("read in %.1f s; mutual information before alignment %.4f\n", r.seconds_read, r.similarity_before);
-    fflush(stdout);
-
-    batch_clock::time_point t0 = batch_clock::now();
-    if (o->search == BATCH_SEARCH_SPECIFIED) specified_affine(&r);
-    else if (accurate_affine(&r) != 0) {
+    qc_volumes picture = {template_unfiltered.dim, template_unfiltered.resolution,
+                          template_unfiltered.SpaceTime.fData + (size_t)iTime_Template * n3d, before, after};
+    qc_layout layout;
+    if (qc_plan(&picture, &layout) != 0) {
+        printf("Error: the template %s has no non-zero voxel.\n", o->template_name);
         free_float_vector(before);
         free_float_vector(after);
         return 1;
     }
-    transform_coordinates(1, 1);
-    r.similarity_affine = cost_function(0);
+    /* the session's first resampling is the start's; the picture's planes then take its place
+       (both searches resample before they read individual) */
+    r.similarity_before = cost_function(0);
+    resample_picture_planes(&layout, before);
+    printf("read in %.1f s; mutual information before alignment %.4f\n", r.seconds_read, r.similarity_before);
+    fflush(stdout);
+
+    batch_clock::time_point t0 = batch_clock::now();
+    if (o->search == BATCH_SEARCH_SPECIFIED) {
+        specified_affine(&r);
+        transform_coordinates(1, 1);
+        r.similarity_affine = cost_function(0);
+    } else if (accurate_affine(&r) != 0) {
+        free_float_vector(before);
+        free_float_vector(after);
+        return 1;
+    }
     r.seconds_affine = seconds_since(t0);
     printf("affine alignment done in %.1f s; mutual information %.4f\n", r.seconds_affine, r.similarity_affine);
     fflush(stdout);
@@ -367,8 +389,8 @@ int run_batch_alignment(const batch_options *o)
                r.folded_voxels, r.jacobian_min, r.jacobian_max);
         fflush(stdout);
     }
-    transform_coordinates(1, 1);
-    r.similarity_final = cost_function(0);
+    /* both non-linear stages end with the accurate resampling */
+    r.similarity_final = o->nonlinear ? cost_function(0) : r.similarity_affine;
     for (int j = 0; j < 12; j++) r.parameters[j] = Alignment.value[j];
     r.orientation = Alignment.OrientRotation;
     r.swap_z = Alignment.OrientSwapZ;
@@ -384,17 +406,23 @@ int run_batch_alignment(const batch_options *o)
         snprintf(name, sizeof name, "%s/aligned.nii.gz", dir);
         printf("writing %s\n", name);
         fflush(stdout);
+        batch_clock::time_point t1 = batch_clock::now();
         status = write_aligned_volume(&original_unfiltered, o->template_name, name);
-        if (status == 0) snprintf(r.outputs[2], sizeof r.outputs[2], "%s", name);
+        if (status == 0) {
+            snprintf(r.outputs[2], sizeof r.outputs[2], "%s", name);
+            printf("aligned.nii.gz written in %.1f s\n", seconds_since(t1));
+        }
     }
     if (status == 0) {
         char name[1100];
         snprintf(name, sizeof name, "%s/qc.png", dir);
-        resample_whole_grid(after);
-        qc_volumes v = {template_unfiltered.dim, template_unfiltered.resolution,
-                        template_unfiltered.SpaceTime.fData + (size_t)iTime_Template * n3d, before, after};
-        status = write_qc_picture(name, &v);
-        if (status == 0) snprintf(r.outputs[3], sizeof r.outputs[3], "%s", name);
+        batch_clock::time_point t1 = batch_clock::now();
+        resample_picture_planes(&layout, after);
+        status = write_qc_picture(name, &picture);
+        if (status == 0) {
+            snprintf(r.outputs[3], sizeof r.outputs[3], "%s", name);
+            printf("qc.png written in %.1f s\n", seconds_since(t1));
+        }
     }
     free_float_vector(before);
     free_float_vector(after);

@@ -16,10 +16,16 @@ static float scanned_min = 0.0f, scanned_max = 1.0f;
 
 static int max_int(int a, int b) { return a > b ? a : b; }
 
-/* Pixels at zoom 1 for `n` voxels stretched by `r`, rounded up when not whole. */
+/* No screen is this many pixels wide: a panel stretched beyond it (extreme voxel-size ratios)
+   is held here, so the window sums stay in range and the window is refused as too big. */
+static const int largest_panel_pixels = 1 << 20;
+
+/* Pixels at zoom 1 for `n` voxels stretched by `r`, rounded up when not whole; at most
+   largest_panel_pixels (also for a stretch that is not a number). */
 static int pixels_for(float r, int n)
 {
     float f = r * (float)n;
+    if (!(f < (float)largest_panel_pixels)) return largest_panel_pixels;
     int i = (int)f;
     return (float)i == f ? i : i + 1;
 }

@@ -10,17 +10,34 @@
 
 #include "globals.h"
 #include "header_quill.h"
+#include "safe_save.h"
 #include "volume.h"
 
-/* Writes the three maps under the name's root; the extension picks the kind. Cuts file_name at its
-   last '.' (the caller restores it). Returns 0, or 1 after a message.
-   Deliberate: "bshort", "ushort" and "img" names still get float data in a .bfloat file, and a
-   write counts as failed only when all three maps fell short (the flags are AND-ed, as in
-   reading). Pinned by WriteDistortionFiles.BshortNameWritesHeaderAndFloatData and, for the
-   AND, by ReadDistortionFile.OnlyAnAllShortReadFails. When the NIfTI header could not be
-   written no stream comes back and 1 is returned. */
-int write_distortion_files(char *file_name)
+/* The map save in progress: its data file (".nii" or ".bfloat") and, for the bfloat kind, its
+   text header, each written to a temporary file in the same directory and renamed over its
+   final name only by rename_distortion_temporaries. */
+static safe_file map_data = {NULL, "", ""}, map_header = {NULL, "", ""};
+
+static void forget_temporary(safe_file *sf)
 {
+    sf->fp = NULL;
+    sf->temp_name[0] = '\0';
+}
+
+void discard_distortion_temporaries(void)
+{
+    safe_save_discard(&map_header);
+    safe_save_discard(&map_data);
+    forget_temporary(&map_header);
+    forget_temporary(&map_data);
+}
+
+/* Every write and the close are checked: a short write sets the stream's error flag, which
+   safe_save_finish reports, so a map cut short by a full disk fails the save whichever of the
+   three writes fell short, and the previous files are kept. */
+int write_distortion_temporaries(char *file_name)
+{
+    discard_distortion_temporaries();
     int format = quill_format(file_name);
     if (format < 0) {
         printf("Error: that output file format is not supported.\n");
@@ -29,18 +46,43 @@ int write_distortion_files(char *file_name)
     }
     size_t n = (size_t)distort_x.n3d;
     FILE *fp = NULL;
-    if (open_output_file(3, format, file_name, &fp) != 0) return 1;
-    if (fp == NULL) return 1;
-    int short_x = fwrite(distort_x.SpaceTime.fData, sizeof(float), n, fp) < n;
-    int short_y = fwrite(distort_y.SpaceTime.fData, sizeof(float), n, fp) < n;
-    int short_z = fwrite(distort_z.SpaceTime.fData, sizeof(float), n, fp) < n;
-    if (short_x && short_y && short_z) return 1;
-    fclose(fp);
+    if (open_output_file(3, format, file_name, &fp) != 0 || fp == NULL) {
+        discard_distortion_temporaries();
+        return 1;
+    }
+    fwrite(distort_x.SpaceTime.fData, sizeof(float), n, fp);
+    fwrite(distort_y.SpaceTime.fData, sizeof(float), n, fp);
+    fwrite(distort_z.SpaceTime.fData, sizeof(float), n, fp);
+    if (safe_save_finish(&map_data) != 0) {
+        discard_distortion_temporaries();
+        return 1;
+    }
     return 0;
 }
 
+int rename_distortion_temporaries(void)
+{
+    int status = 0;
+    if (map_data.temp_name[0] == '\0') status = 1;
+    else if (safe_save_rename(map_data.temp_name, map_data.final_name) != 0) status = 1;
+    forget_temporary(&map_data);
+    if (status == 0 && map_header.temp_name[0] != '\0' &&
+        safe_save_rename(map_header.temp_name, map_header.final_name) != 0)
+        status = 1;
+    forget_temporary(&map_header);
+    if (status != 0) discard_distortion_temporaries();
+    return status;
+}
+
+int write_distortion_files(char *file_name)
+{
+    if (write_distortion_temporaries(file_name) != 0) return 1;
+    return rename_distortion_temporaries();
+}
+
 /* Writes the header for ntime volumes of kind format under file_name_root and hands back the data
-   stream positioned at the data. Returns 0, or 1 after a message.
+   stream positioned at the data. Returns 0, or 1 after a message. Both files are the temporaries
+   of the map save in progress; the text header is complete and closed when this returns.
    Deliberate: a NIfTI header failure returns 0 (its own messages report it, the stream stays
    NULL). Pinned by WriteDistortionFiles.UnwritableNiftiPrintsOnlyItsOwnMessage. */
 int open_output_file(int ntime, int format, char *file_name_root, FILE **file)
@@ -51,7 +93,7 @@ int open_output_file(int ntime, int format, char *file_name_root, FILE **file)
         return 0;
     }
     snprintf(name, sizeof name, "%s.hdr", file_name_root);
-    FILE *fp = fopen(name, "w");
+    FILE *fp = safe_save_open(&map_header, name, "w");
     if (fp == NULL) {
         printf("Error: cannot open the output file %s\n", name);
         return 1;
@@ -63,19 +105,20 @@ int open_output_file(int ntime, int format, char *file_name_root, FILE **file)
             template_.origin.z, template_.direction.x, template_.direction.y, template_.direction.z);
     fprintf(fp, "information:\n");
     fprintf(fp, "x,y,z distortion maps from qor-align\n");
-    fclose(fp);
+    if (safe_save_finish(&map_header) != 0) return 1;
 
     snprintf(name, sizeof name, "%s.bfloat", file_name_root);
-    if ((*file = fopen(name, "wb")) == NULL) {
+    if ((*file = safe_save_open(&map_data, name, "wb")) == NULL) {
         printf("Error: cannot open the output file %s\n", name);
         return 1;
     }
     return 0;
 }
 
-/* Writes root + ".nii" up to byte 352 (348-byte header in native order, 4 zero extender bytes)
-   for ntime float volumes on the template grid; the open stream is handed back. Returns 0, or 1
-   after a message (the stream handed back is then NULL). */
+/* Writes root + ".nii" (the temporary of the map save in progress) up to byte 352 (348-byte
+   header in native order, 4 zero extender bytes) for ntime float volumes on the template grid;
+   the open stream is handed back. Returns 0, or 1 after a message (the stream handed back is
+   NULL when the file could not be opened). */
 int write_nifti_header(int ntime, char *file_name_root, FILE **file)
 {
     nifti_1_header h;
@@ -120,7 +163,7 @@ int write_nifti_header(int ntime, char *file_name_root, FILE **file)
 
     char name[1024];
     snprintf(name, sizeof name, "%s.nii", file_name_root);
-    FILE *fp = fopen(name, "wb");
+    FILE *fp = safe_save_open(&map_data, name, "wb");
     if (fp == NULL) {
         printf("Error: cannot open the header file %s.\n", name);
         return 1;
@@ -140,7 +183,8 @@ int write_nifti_header(int ntime, char *file_name_root, FILE **file)
 }
 
 /* Reads the three maps of a distortion file whose header was read by read_volume_header into
-   distort_x/y/z (allocated on the template grid). Returns 0, or 1 after a message; a failed seek
+   distort_x/y/z (allocated on the template grid). Returns 0, or 1 after a message; a data offset
+   past the end of the file is reported as a short read, and a failed seek (a negative offset)
    ends the program.
    Deliberate: only a file from a machine of the other byte order sets AlignNL.Adjusted (for each
    map holding a non-zero or NaN value), and only the all-short read fails. Pinned by
@@ -158,7 +202,16 @@ int read_distortion_file(char *file_name, QL_HEADER header)
         znzclose(fp);
         return 1;
     }
-    long offset = (long)header.voxel_offset;
+    /* An offset no long can hold (or NaN) lies past the end of any file: the three reads would
+       fall short, and that is what is reported. A negative offset goes to the seek, which
+       refuses it. An offset past the end of the file leaves the reads short as well. */
+    float voxel_offset = header.voxel_offset;
+    if (!(voxel_offset < 9.0e18f)) {
+        printf("Error reading the distortion map data from file %s\n", file_name);
+        znzclose(fp);
+        return 1;
+    }
+    long offset = voxel_offset > -9.0e18f ? (long)voxel_offset : -1;
     if (offset < 0 || znzseek(fp, (znz_off_t)offset, SEEK_SET) < 0) {
         znzclose(fp);
         fflush(stdout);

@@ -10,6 +10,7 @@
 
 #include "header_freesurfer.h"
 #include "header_nifti.h"
+#include "numerics.h"
 #include "text.h"
 #include "volume.h"
 
@@ -62,6 +63,39 @@ static int check_sizes(const QL_HEADER *header)
     return 0;
 }
 
+/* Refuses voxel sizes that no geometry can use: not a number, infinite, zero or negative,
+   whichever header gave them (NIfTI pixdim, a quill "resolution" line, FreeSurfer corners
+   and slice thickness). A negative size would make negative image widths downstream. */
+static int check_voxel_size(const QL_HEADER *header)
+{
+    const POINT3D &r = header->resolution;
+    if (std::isfinite(r.x) && std::isfinite(r.y) && std::isfinite(r.z) && r.x > 0.0f && r.y > 0.0f &&
+        r.z > 0.0f)
+        return 0;
+    printf("Error: the voxel size (%g,%g,%g) given for %s must be positive and finite.\n", r.x, r.y, r.z,
+           header->file_name);
+    return 1;
+}
+
+/* Refuses a voxel-to-space matrix that invert_mat44 would stop the program on (singular, such
+   as an sform of zero rows) or whose inverse is not finite (not-a-number or infinite entries),
+   inverting a copy the same way. */
+static int check_orientation(const QL_HEADER *header)
+{
+    float **a = float_matrix(4, 4);
+    for (int r = 0; r < 4; r++)
+        for (int c = 0; c < 4; c++) a[r][c] = header->ijk_to_xyz.m[r][c];
+    int error_row;
+    int failed = rInvertSquareMatrix(4, a, &error_row);
+    for (int r = 0; r < 4 && !failed; r++)
+        for (int c = 0; c < 4; c++)
+            if (!std::isfinite(a[r][c])) failed = 1;
+    free_float_matrix(a, 4, 4);
+    if (failed)
+        printf("Error: the voxel-to-space matrix of %s is singular or not finite.\n", header->file_name);
+    return failed;
+}
+
 int read_volume_header(char *name, QL_HEADER *header)
 {
     set_header_defaults(header);
@@ -97,7 +131,7 @@ int read_volume_header(char *name, QL_HEADER *header)
         header->file_type = header->storage_type;
     }
 
-    if (check_sizes(header)) return 1;
+    if (check_sizes(header) || check_voxel_size(header) || check_orientation(header)) return 1;
     header->xyz_to_ijk = invert_mat44(header->ijk_to_xyz);
     header->fov.x = header->dim.x * header->resolution.x;
     header->fov.y = header->dim.y * header->resolution.y;

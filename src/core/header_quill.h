@@ -7,7 +7,9 @@
 /* Fills header for the data file name: dispatch by name (trailing '_' FreeSurfer, ".nii",
    ".nii.gz" and ".img" NIfTI-1, anything else a quill header), then xyz_to_ijk, fov, n2d, n3d, n4d. Returns 0, or 1
    after the reader's message. Dimensions that are not positive or whose value count exceeds
-   what one 32-bit float block can hold are refused with a message. A name's trailing newline
+   what one 32-bit float block can hold are refused with a message, and so is a voxel size that
+   is not a positive finite number on every axis, or a voxel-to-space matrix that is singular
+   or whose inverse is not finite. A name's trailing newline
    is cut (see get_extension). */
 int read_volume_header(char *name, QL_HEADER *header);
 /* Reads the quill header of name (its extension replaced by "hdr"); 0, or 1 after a message. */

@@ -132,17 +132,28 @@ static inline size_t grid_index(int x, int y, int z)
     return (size_t)x + (size_t)template_.dim.x * ((size_t)y + (size_t)template_.dim.y * (size_t)z);
 }
 
-/* Brings the grid up to date with AlignNL.BasisGrid (rebuilding the boxes, coefficients,
-   increments and flags when it changed), optionally smooths the maps (Gaussian_smoothing),
+/* Brings the grid up to date with AlignNL.BasisGrid and the template's dimensions (rebuilding
+   the boxes, coefficients, increments and flags when either changed), optionally smooths the maps (Gaussian_smoothing),
    takes the coefficients from the maps at the basis peaks and, when recalculate_distortions
    is nonzero, rebuilds distort_x/y/z from the coefficients (distort_d is zeroed). Refreshes
    the display when it shows a map or the basis image (DisplayType > 1). */
+/* The grid last built and the template dimensions it was built for. */
+static int grid_built = 0;
+static IPOINT3D built = {0, 0, 0}, built_dim = {0, 0, 0};
+
+int nonlinear_grid_current(void)
+{
+    IPOINT3D g = AlignNL.BasisGrid, d = template_.dim;
+    return grid_built && built.x == g.x && built.y == g.y && built.z == g.z && built_dim.x == d.x &&
+           built_dim.y == d.y && built_dim.z == d.z;
+}
+
 void update_nonlinear_alignment_parameters(int recalculate_distortions)
 {
-    static IPOINT3D built = {0, 0, 0};
-    int first = built.x == 0;
-    int new_grid = built.x != AlignNL.BasisGrid.x || built.y != AlignNL.BasisGrid.y ||
-                   built.z != AlignNL.BasisGrid.z;
+    int first = !grid_built;
+    /* A resolution change gives the template other dimensions under the same BasisGrid: the
+       boxes then have to be laid out again too. */
+    int new_grid = !nonlinear_grid_current();
     IPOINT3D dim = template_.dim;
     int *peak[3] = {NULL, NULL, NULL}, *start[3] = {NULL, NULL, NULL}, *end[3] = {NULL, NULL, NULL};
 
@@ -152,7 +163,10 @@ void update_nonlinear_alignment_parameters(int recalculate_distortions)
         int g[3] = {AlignNL.BasisGrid.x, AlignNL.BasisGrid.y, AlignNL.BasisGrid.z};
         int count[3];
         for (int a = 0; a < 3; a++) {
-            fw[a] = (int)rintf((float)d[a] / (float)g[a]);
+            /* A grid of no cell along an axis (a one-slice template gets 0 from its cell
+               rounding) is as wide as the axis: d / g grows without bound as g falls to 0. */
+            float f = g[a] != 0 ? (float)d[a] / (float)g[a] : (float)d[a];
+            fw[a] = (int)rintf(f);
             if (fw[a] < 1) fw[a] = 1;
             count[a] = calc_number_NL_basis_functions(d[a], fw[a], &peak[a], &start[a], &end[a]);
         }
@@ -250,6 +264,8 @@ void update_nonlinear_alignment_parameters(int recalculate_distortions)
 
     if (AlignAid.DisplayType > 1) update_image_and_graph(1);
     built = AlignNL.BasisGrid;
+    built_dim = dim;
+    grid_built = 1;
 }
 
 /* Changes coefficient iCoeff to value: in the box of basis AlignNL.iBasis (end exclusive) the

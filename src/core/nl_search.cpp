@@ -50,6 +50,9 @@ void action_auto_adjust_nonlinear(int button)
 {
     static int first_use = 1;
     IPOINT3D dim = template_.dim;
+    /* After a resolution change the boxes were laid out for the template's former dimensions:
+       lay them out again (coefficients from the resampled maps) before any coefficient moves. */
+    if (!nonlinear_grid_current()) update_nonlinear_alignment_parameters(0);
     if (button == 1 && first_use) {
         IPOINT3D G1 = grid_from_x((int)rint(template_.fov.x / (2 * template_.resolution.x)));
         IPOINT3D G2 = grid_from_x((int)(G1.x / 2.0));

@@ -14,6 +14,7 @@
 #include "header_quill.h"
 #include "nl_model.h"
 #include "numerics.h"
+#include "safe_save.h"
 #include "text.h"
 
 /* A deformation exists when any element of the three maps is non-zero or NaN. */
@@ -30,12 +31,17 @@ static int deformation_exists(void)
     return 0;
 }
 
+/* Every file of the save is written to a temporary in the current directory and checked; the
+   maps are renamed over the old ones first and align.com last, only when both are complete.
+   Any failure prints its message, leaves align.com and the maps as they were and returns 1
+   (the getcwd failure too, which used to leave align.com with lines 1 to 12). */
 int save_alignment_parameters(void)
 {
     FILE *fp;
+    safe_file sf;
     char cwd[1024], map_name[1024];
 
-    if ((fp = fopen("align.com", "w")) == NULL) {
+    if ((fp = safe_save_open(&sf, "align.com", "w")) == NULL) {
         printf("\nError: cannot open file align.com\n");
         return 1;
     }
@@ -64,33 +70,43 @@ int save_alignment_parameters(void)
     fprintf(fp, "set registration-skews %g %g %g\n", Alignment.value[9], Alignment.value[10],
             Alignment.value[11]);
 
-    if (deformation_exists()) {
+    int maps = deformation_exists();
+    if (maps) {
         if (getcwd(cwd, sizeof cwd) == NULL) {
             printf("Error: non-linear alignment parameters not saved.\n");
-            fclose(fp);
+            safe_save_discard(&sf);
             return 1;
         }
         printf("cwd = %s\n", cwd);
         size_t len = strlen(cwd);
         if (len + strlen("/distortions.nii") >= sizeof map_name) {
             printf("Error: non-linear alignment parameters not saved.\n");
-            fclose(fp);
+            safe_save_discard(&sf);
             return 1;
         }
         memcpy(map_name, cwd, len);
         memcpy(map_name + len, "/distortions.nii", strlen("/distortions.nii") + 1);
-        int status = write_distortion_files(map_name);
+        int status = write_distortion_temporaries(map_name);
         /* the writer cuts the name at its last '.'; put the extension back */
         len = strlen(map_name);
         if (len + 4 < sizeof map_name) memcpy(map_name + len, ".nii", 5);
         if (status != 0) {
             printf("Error writing file %s\n", map_name);
-            fclose(fp); /* closing here is harmless: the lines written so far reach the disk */
+            safe_save_discard(&sf);
             return 1;
         }
         fprintf(fp, "set registration-distortions %s\n", map_name);
     }
-    fclose(fp);
+    if (safe_save_finish(&sf) != 0) {
+        if (maps) discard_distortion_temporaries();
+        return 1;
+    }
+    if (maps && rename_distortion_temporaries() != 0) {
+        printf("Error writing file %s\n", map_name);
+        safe_save_discard(&sf);
+        return 1;
+    }
+    if (safe_save_rename(sf.temp_name, "align.com") != 0) return 1;
     printf("Alignment parameters were saved in file align.com\n");
     fflush(stdout);
     return 0;
@@ -104,7 +120,8 @@ static int recall_failed(FILE *fp)
     return 1;
 }
 
-/* Three floats read with "%g"; 1 when they do not all compare equal to the stored ones. */
+/* Three floats read with "%g"; 1 when they do not all compare equal to the stored ones (a
+   value that is not finite never matches a template that was read, so it is refused here). */
 static int read_and_compare(const char *value, POINT3D stored, const char *keyword, const char *what)
 {
     POINT3D p;
@@ -117,6 +134,25 @@ static int read_and_compare(const char *value, POINT3D stored, const char *keywo
     if (!(p.x == stored.x && p.y == stored.y && p.z == stored.z)) {
         printf("Error: the new %s (%g,%g,%g) does not match the template (%g,%g,%g)\n", what, p.x, p.y,
                p.z, stored.x, stored.y, stored.z);
+        return 1;
+    }
+    return 0;
+}
+
+/* Three parameter values read with "%f" into Alignment.value[first..first+2]; 1 after the
+   message naming message_keyword when the line does not hold three finite numbers. A line
+   that stops early keeps the numbers read before the fault, as sscanf leaves them; a number
+   that is not finite (nan, inf, or beyond the float range) is not stored at all, so that no
+   search ever starts from it. */
+static int read_three_values(const char *value, int first, const char *message_keyword)
+{
+    float v[3] = {Alignment.value[first], Alignment.value[first + 1], Alignment.value[first + 2]};
+    int n = sscanf(value, "%f %f %f", &v[0], &v[1], &v[2]);
+    int finite = std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]);
+    if (finite)
+        for (int i = 0; i < 3; i++) Alignment.value[first + i] = v[i];
+    if (n != 3 || !finite) {
+        printf("Error reading the value of `set %s'\n", message_keyword);
         return 1;
     }
     return 0;
@@ -187,27 +223,15 @@ int recall_alignment_parameters_from(const char *file_name)
                 return recall_failed(fp);
             }
         } else if (strcmp(keyword, "registration-translations") == 0) {
-            if (sscanf(value, "%f %f %f", &Alignment.value[0], &Alignment.value[1], &Alignment.value[2]) != 3) {
-                printf("Error reading the value of `set registration-translations'\n");
-                return recall_failed(fp);
-            }
+            if (read_three_values(value, 0, "registration-translations")) return recall_failed(fp);
         } else if (strcmp(keyword, "registration-rotations") == 0) {
-            if (sscanf(value, "%f %f %f", &Alignment.value[3], &Alignment.value[4], &Alignment.value[5]) != 3) {
-                printf("Error reading the value of `set registration-rotations'\n");
-                return recall_failed(fp);
-            }
+            if (read_three_values(value, 3, "registration-rotations")) return recall_failed(fp);
         } else if (strcmp(keyword, "registration-inflations") == 0) {
-            if (sscanf(value, "%f %f %f", &Alignment.value[6], &Alignment.value[7], &Alignment.value[8]) != 3) {
-                printf("Error reading the value of `set registration-inflations'\n");
-                return recall_failed(fp);
-            }
+            if (read_three_values(value, 6, "registration-inflations")) return recall_failed(fp);
         } else if (strcmp(keyword, "registration-skews") == 0) {
-            if (sscanf(value, "%f %f %f", &Alignment.value[9], &Alignment.value[10], &Alignment.value[11]) != 3) {
-                /* Deliberate: the inflations text; there is no skews message.
-                   Pinned by Recall.MalformedSkewsNamesInflations. */
-                printf("Error reading the value of `set registration-inflations'\n");
-                return recall_failed(fp);
-            }
+            /* Deliberate: the inflations text; there is no skews message.
+               Pinned by Recall.MalformedSkewsNamesInflations. */
+            if (read_three_values(value, 9, "registration-inflations")) return recall_failed(fp);
         } else if (strcmp(keyword, "registration-distortions") == 0) {
             /* The header reader strips the line feed from the name in place; the cleaned
                name is used from here on. */

@@ -99,6 +99,10 @@ void action_change_resolution(void)
     IPOINT3D full = template_unfiltered.dim;
     POINT3D res = template_unfiltered.resolution;
     Alignment.dimension = {full.x / want.x, full.y / want.y, full.z / want.z};
+    /* A step above the template's size along an axis leaves it one voxel, not none. */
+    if (Alignment.dimension.x < 1) Alignment.dimension.x = 1;
+    if (Alignment.dimension.y < 1) Alignment.dimension.y = 1;
+    if (Alignment.dimension.z < 1) Alignment.dimension.z = 1;
     Alignment.resolution.x = res.x * ((float)full.x / (float)Alignment.dimension.x);
     Alignment.resolution.y = res.y * ((float)full.y / (float)Alignment.dimension.y);
     Alignment.resolution.z = res.z * ((float)full.z / (float)Alignment.dimension.z);

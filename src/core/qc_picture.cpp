@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <png.h>
-#include <vector>
 
 #include "numerics.h"
 #include "safe_save.h"
@@ -50,12 +49,12 @@ int qc_plan(const qc_volumes *v, qc_layout *layout)
     return 0;
 }
 
-/* The value at fraction q (0..1) of the sorted values; 0 for none. */
-static float percentile(std::vector<float> &values, double q)
+/* The value at fraction q (0..1) of the first n values (reordered); 0 for none. */
+static float percentile(float *values, size_t n, double q)
 {
-    if (values.empty()) return 0.0f;
-    size_t k = (size_t)(q * (double)(values.size() - 1));
-    std::nth_element(values.begin(), values.begin() + (long)k, values.end());
+    if (n == 0) return 0.0f;
+    size_t k = (size_t)(q * (double)(n - 1));
+    std::nth_element(values, values + k, values + n);
     return values[k];
 }
 
@@ -73,17 +72,24 @@ void qc_render(const qc_volumes *v, const qc_layout *layout, unsigned char *rgb)
 {
     const IPOINT3D d = v->dim;
     const POINT3D r = v->res;
-    std::vector<float> values;
-    for (size_t i = 0; i < (size_t)d.x * d.y * d.z; i++)
-        if (v->tpl[i] != 0.0f && std::isfinite(v->tpl[i])) values.push_back(v->tpl[i]);
-    float grey_lo = percentile(values, 0.01), grey_hi = percentile(values, 0.99);
+    size_t nvox = (size_t)d.x * d.y * d.z, count = 0;
+    float *values = float_vector((int)nvox);
+    for (size_t i = 0; i < nvox; i++)
+        if (v->tpl[i] != 0.0f && std::isfinite(v->tpl[i])) values[count++] = v->tpl[i];
+    float grey_lo = percentile(values, count, 0.01), grey_hi = percentile(values, count, 0.99);
     if (!(grey_hi > grey_lo)) grey_hi = grey_lo + 1.0f;
-    values.clear();
+    /* the edge threshold from the drawn slices only (the volumes need not be known elsewhere) */
+    count = 0;
     for (int z = 0; z < d.z; z++)
         for (int y = 0; y < d.y; y++)
-            for (int x = 0; x < d.x; x++)
-                if (v->tpl[voxel_index(d, x, y, z)] != 0.0f) values.push_back(gradient_magnitude(v->after, d, r, x, y, z));
-    float edge = percentile(values, 0.9);
+            for (int x = 0; x < d.x; x++) {
+                int drawn = z == layout->slice[0] || z == layout->slice[1] || z == layout->slice[2] ||
+                            y == layout->slice[3] || x == layout->slice[4];
+                if (drawn && v->tpl[voxel_index(d, x, y, z)] != 0.0f)
+                    values[count++] = gradient_magnitude(v->after, d, r, x, y, z);
+            }
+    float edge = percentile(values, count, 0.9);
+    free_float_vector(values);
     if (!(edge > 0.0f)) edge = 1e30f;
 
     double fov = std::max(d.x * r.x, std::max(d.y * r.y, d.z * r.z));
@@ -115,7 +121,7 @@ void qc_render(const qc_volumes *v, const qc_layout *layout, unsigned char *rgb)
                     unsigned char *out = rgb + 3 * ((size_t)(row * layout->cell_pixels + py) * layout->width +
                                                     (size_t)p * layout->cell_pixels + px);
                     out[0] = out[1] = out[2] = (unsigned char)lrint(255.0 * g);
-                    if (gradient_magnitude(ind, d, r, x, y, z) > edge) {
+                    if (gradient_magnitude(ind, d, r, x, y, z) >= edge) {
                         out[0] = 255;
                         out[1] = 140;
                         out[2] = 0;

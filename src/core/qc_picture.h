@@ -29,7 +29,9 @@ int qc_plan(const qc_volumes *v, qc_layout *layout);
 
 /* Renders the picture into rgb (layout.width x layout.height x 3 bytes, row by row): the
    template in grey (1st to 99th percentile of its non-zero values), and in orange the voxels
-   where the individual's gradient is among the strongest 10 % of the after row's. */
+   where the individual's gradient is among the strongest 10 % of the after row's over the
+   template's non-zero voxels. The individual volumes are read only on the drawn slices and
+   their neighbours. */
 void qc_render(const qc_volumes *v, const qc_layout *layout, unsigned char *rgb);
 
 /* Plans, renders and writes the picture as an 8-bit RGB PNG through a safe save. Returns 0, or

@@ -228,6 +228,19 @@ static void resample_slices(const resample_setup *s, int zfirst, int zlast)
     free_float_vector(weight);
 }
 
+/* max(floor_w, floor(r)), but at most 3n + 2 for an individual axis of n voxels: a voxel is
+   resampled only when its nearest sample lies within one wrap of the grid (-n - 1/2 .. 2n),
+   and from there every sample beyond that half-width lies off the grid even after the one
+   wrap. So the fast kernel's result is the same, and extreme voxel-size ratios (or one that
+   is not a number) stay in range. */
+static int kernel_half_width(float r, int floor_w, int n)
+{
+    int most = 3 * (n > 0 ? n : 0) + 2;
+    if (!(r < (float)most)) return r != r ? floor_w : (most > floor_w ? most : floor_w);
+    int w = (int)floorf(r);
+    return w > floor_w ? w : floor_w;
+}
+
 /* Resamples original into individual on the template grid.
    all_voxels nonzero: the whole grid, after clearing the target time point; 0: only the box of
    basis AlignNL.iBasis (start inclusive, end exclusive), the rest of the target untouched.
@@ -252,9 +265,9 @@ void transform_coordinates(int all_voxels, int most_accurate)
     r.x = Alignment.resolution.x / original.resolution.x;
     r.y = Alignment.resolution.y / original.resolution.y;
     r.z = Alignment.resolution.z / original.resolution.z;
-    s.half.x = (int)floorf(r.x) > floor_w ? (int)floorf(r.x) : floor_w;
-    s.half.y = (int)floorf(r.y) > floor_w ? (int)floorf(r.y) : floor_w;
-    s.half.z = (int)floorf(r.z) > floor_w ? (int)floorf(r.z) : floor_w;
+    s.half.x = kernel_half_width(r.x, floor_w, s.odim.x);
+    s.half.y = kernel_half_width(r.y, floor_w, s.odim.y);
+    s.half.z = kernel_half_width(r.z, floor_w, s.odim.z);
     s.sigma.x = (float)(0.425 * r.x);
     s.sigma.y = (float)(0.425 * r.y);
     s.sigma.z = (float)(0.425 * r.z);

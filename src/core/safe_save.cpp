@@ -40,16 +40,28 @@ static int report_failure(const char *final_name, const char *temp_name, int err
     return 1;
 }
 
+int safe_save_finish(safe_file *sf)
+{
+    int err = 0;
+    if (sf->fp == NULL) err = EBADF;
+    else {
+        if (ferror(sf->fp)) err = errno != 0 ? errno : EIO;
+        if (err == 0 && fflush(sf->fp) != 0) err = errno;
+        if (err == 0 && fsync(fileno(sf->fp)) != 0 && errno != EINVAL && errno != EROFS) err = errno;
+        if (fclose(sf->fp) != 0 && err == 0) err = errno;
+        sf->fp = NULL;
+    }
+    if (err != 0) {
+        report_failure(sf->final_name, sf->temp_name, err);
+        sf->temp_name[0] = '\0';
+        return 1;
+    }
+    return 0;
+}
+
 int safe_save_close(safe_file *sf)
 {
-    if (sf->fp == NULL) return report_failure(sf->final_name, sf->temp_name, EBADF);
-    int err = 0;
-    if (ferror(sf->fp)) err = errno != 0 ? errno : EIO;
-    if (err == 0 && fflush(sf->fp) != 0) err = errno;
-    if (err == 0 && fsync(fileno(sf->fp)) != 0 && errno != EINVAL && errno != EROFS) err = errno;
-    if (fclose(sf->fp) != 0 && err == 0) err = errno;
-    sf->fp = NULL;
-    if (err != 0) return report_failure(sf->final_name, sf->temp_name, err);
+    if (safe_save_finish(sf) != 0) return 1;
     return safe_save_rename(sf->temp_name, sf->final_name);
 }
 

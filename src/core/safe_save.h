@@ -26,6 +26,12 @@ FILE *safe_save_open(safe_file *sf, const char *final_name, const char *mode);
    the system's reason, removes the temporary file and returns 1. */
 int safe_save_close(safe_file *sf);
 
+/* The first half of safe_save_close, for saves of several files that are all written before
+   any is renamed: checks the stream for earlier write errors, flushes, syncs and closes it,
+   keeping the temporary file for safe_save_rename. 0 on success; on failure the message of
+   safe_save_close, the temporary file removed (temp_name emptied), 1. */
+int safe_save_finish(safe_file *sf);
+
 /* Gives up a save: closes the stream (if open) and removes the temporary file. */
 void safe_save_discard(safe_file *sf);
 

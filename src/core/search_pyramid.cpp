@@ -130,7 +130,7 @@ IPOINT3D reduced_dim(IPOINT3D dim, POINT3D res, POINT3D voxel_mm)
 }
 
 void build_level(search_level *L, const grid_volume *tpl, const grid_volume *mask, const grid_volume *ind,
-                 double voxel_mm, int full, int erode)
+                 double voxel_mm, int full, int erode, int lattice)
 {
     memset(L, 0, sizeof *L);
     POINT3D target = {(float)(voxel_mm / tpl->res.x * tpl->res.x), (float)(voxel_mm / tpl->res.x * tpl->res.y),
@@ -172,6 +172,12 @@ void build_level(search_level *L, const grid_volume *tpl, const grid_volume *mas
                         if (!keep[i + st[a]] || !keep[i - st[a]]) L->inside[i] = 0;
                 }
     }
+    if (lattice > 1)
+        for (int z = 0; z < nz; z++)
+            for (int y = 0; y < ny; y++)
+                for (int x = 0; x < nx; x++)
+                    if (x % lattice != 0 || y % lattice != 0 || z % lattice != 0)
+                        L->inside[(size_t)x + (size_t)nx * ((size_t)y + (size_t)ny * z)] = 0;
     free_grid(&m);
     double sum[4][4];
     memset(sum, 0, sizeof sum);
@@ -191,7 +197,7 @@ void build_level(search_level *L, const grid_volume *tpl, const grid_volume *mas
                     continue;
                 }
                 int near = 0;
-                for (int dz = -1; dz <= 1 && !near; dz++)
+                for (int dz = -1; dz <= 1 && !near && lattice <= 1; dz++)
                     for (int dy = -1; dy <= 1 && !near; dy++)
                         for (int dx = -1; dx <= 1 && !near; dx++) {
                             int xx = x + dx, yy = y + dy, zz = z + dz;
@@ -351,14 +357,14 @@ const double robust_cutoff_sd = 3.0;
 
 double robust_cutoff(const search_level *L, const float *I, const remap_table *m)
 {
-    std::vector<float> r;
-    r.reserve((size_t)L->ninside);
-    size_t n = grid_size(L->tpl.dim);
+    if (L->ninside == 0) return 1.0;
+    float *r = float_vector((int)L->ninside);
+    size_t n = grid_size(L->tpl.dim), k = 0;
     for (size_t i = 0; i < n; i++)
-        if (L->inside[i]) r.push_back((float)fabs(I[i] - remapped(m, L->tpl.data[i])));
-    if (r.empty()) return 1.0;
-    std::nth_element(r.begin(), r.begin() + r.size() / 2, r.end());
-    double mad = r[r.size() / 2];
+        if (L->inside[i]) r[k++] = (float)fabs(I[i] - remapped(m, L->tpl.data[i]));
+    std::nth_element(r, r + k / 2, r + k);
+    double mad = r[k / 2];
+    free_float_vector(r);
     double c = robust_cutoff_sd * 1.4826 * mad;
     return c > 1e-12 ? c : 1e-12;
 }

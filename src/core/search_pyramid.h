@@ -49,9 +49,10 @@ struct search_level {
 /* Builds level L from the template (values, and a mask volume of 1 where it takes part), and the
    individual, both reduced to voxels of about voxel_mm along the template's x axis (the
    template's own grid when full is set). The inside set is the reduced mask less `erode'
-   layers of voxels. */
+   layers of voxels; with lattice above 1, only the voxels whose indices are all multiples of it
+   (and then the resampling walks those alone: no rim, so no central differences). */
 void build_level(search_level *L, const grid_volume *tpl, const grid_volume *mask, const grid_volume *ind,
-                 double voxel_mm, int full, int erode);
+                 double voxel_mm, int full, int erode, int lattice);
 void free_level(search_level *L);
 
 /* What enter_level replaced, for leave_level. */

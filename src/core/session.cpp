@@ -13,7 +13,8 @@
 #include "volume.h"
 #include "volume_load.h"
 
-int read_session_volumes(void)
+/* The two volumes, the individual first; warn: print the oblique-template warning. */
+static int read_volumes(int warn)
 {
     int nfiles = 0;
 
@@ -31,7 +32,7 @@ int read_session_volumes(void)
     printf("\n");
     if (read_SpaceTime_data(0, &template_unfiltered, &template_files, &nfiles) != 0) return 1;
 
-    if (template_unfiltered.off_diagonal) {
+    if (warn && template_unfiltered.off_diagonal) {
         /* Deliberate: the period of the second line stands at the start of the third.
            Pinned by Session.OffDiagonalTemplateWarnsWithThePeriodOnTheNextLine. */
         printf("Warning: the template file has voxel indices    (i,j,k)\n");
@@ -41,6 +42,11 @@ int read_session_volumes(void)
         printf("         Modify the template to make these parallel.\n");
     }
     return 0;
+}
+
+int read_session_volumes(void)
+{
+    return read_volumes(1);
 }
 
 void prepare_session(int number_panels)
@@ -60,7 +66,7 @@ int start_session(const char *individual_name, const char *template_name, int li
 {
     add_image_file(&individual_files, individual_name, 0, list_type);
     add_image_file(&template_files, template_name, 0, list_type);
-    if (read_session_volumes() != 0) return 1;
+    if (read_volumes(0) != 0) return 1;
     prepare_session(0);
     return 0;
 }

@@ -20,5 +20,7 @@ void prepare_session(int number_panels);
 /* Both steps for programs that name one file per role: appends individual_name and
    template_name to the (empty) file lists with the given list-entry type (0: every volume of
    the file; 3: its first volume only), reads and prepares them with an automatic panel count.
-   Returns 0, or 1 after a message. */
+   The warning about a template whose voxel axes are not parallel to its coordinates is left
+   out: it speaks of outputs that lose the template's orientation, and the outputs of these
+   programs keep the template's qform and sform. Returns 0, or 1 after a message. */
 int start_session(const char *individual_name, const char *template_name, int list_type);

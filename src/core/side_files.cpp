@@ -10,6 +10,7 @@
 
 #include "globals.h"
 #include "numerics.h"
+#include "safe_save.h"
 #include "text.h"
 
 static int color_code(const char *word)
@@ -143,7 +144,7 @@ int read_overlay_file(const char *file_name, ovl_list *ovl)
             return 1;
         }
         if (n == 3) weight = 1.0f;
-        if (weight < 0.0f || weight > 1.0f) {
+        if (!(weight >= 0.0f && weight <= 1.0f)) { /* a NaN weight is refused too */
             printf("Error: use weight values <= 1. in overlays.\n");
             fclose(fp);
             return 1;
@@ -169,9 +170,12 @@ int read_overlay_file(const char *file_name, ovl_list *ovl)
     return 0;
 }
 
+/* Written to a temporary file and renamed over ".ovl" when complete: a failed write leaves the
+   previous ".ovl" intact and returns 1 after the message. */
 int write_overlay_file(void)
 {
-    FILE *fp = fopen(".ovl", "w");
+    safe_file sf;
+    FILE *fp = safe_save_open(&sf, ".ovl", "w");
     if (fp == NULL) {
         printf("Error opening file (.ovl).\n");
         return 1;
@@ -192,7 +196,7 @@ int write_overlay_file(void)
                 count++;
                 total += w;
             }
-    fclose(fp);
+    if (safe_save_close(&sf) != 0) return 1;
     printf("%d pixels (total weight = %g) written to file .ovl\n", count, total);
     if (count != ovl_root.npts) {
         printf("Programming error: # overlay pixels not consistent (%d versus %d)\n", count, ovl_root.npts);
@@ -233,9 +237,11 @@ int read_wire_file(const char *file_name, wire_list *wire, int new_color)
     return 0;
 }
 
+/* Written to a temporary file and renamed over ".wire" when complete, as ".ovl" is. */
 int write_wire_file(void)
 {
-    FILE *fp = fopen(".wire", "w");
+    safe_file sf;
+    FILE *fp = safe_save_open(&sf, ".wire", "w");
     if (fp == NULL) {
         printf("Error opening file (.wire).\n");
         return 1;
@@ -243,7 +249,7 @@ int write_wire_file(void)
     for (int k = 0; k < wire_root.npts; k++)
         fprintf(fp, "%f %f %f  %d\n", wire_root.control[k].point.x, wire_root.control[k].point.y,
                 wire_root.control[k].point.z, wire_root.control[k].color);
-    fclose(fp);
+    if (safe_save_close(&sf) != 0) return 1;
     printf("%d control points for a wireframe were written to file .wire\n", wire_root.npts);
     return 0;
 }

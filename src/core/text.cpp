@@ -25,9 +25,13 @@ char *get_line_with_comment(FILE *fp, char *buffer, int size)
     return buffer;
 }
 
+/* The scanner's position: the words are scanned once per process (see restart_my_getopt). */
+static int position = 1;
+
+void restart_my_getopt(void) { position = 1; }
+
 int my_getopt(int argc, char **argv, const char *options, int *which_arg)
 {
-    static int position = 1; /* never reset: the words are scanned once per process */
 
     if (position >= argc) return 0;
     const char *word = argv[position];
@@ -337,4 +341,81 @@ int apply_startup_option(int option, const char *arg, startup_options *opts)
         return 1;
     }
     return 0;
+}
+
+void scan_startup_options(int argc, char **argv, int myargc, char **myargv, startup_options *opts)
+{
+    int which_arg = 0, option;
+
+    /* 4: defaults */
+    opts->ovl_name[0] = '\0';
+    opts->wire_name[0] = '\0';
+    opts->number_panels = 0;
+    opts->batch_mode = 0;
+    opts->iWrap = 0;
+    mosaic.DimPanels.x = 0;
+    mosaic.display_3orthogonal = 0;
+    mosaic.zoom = 0;
+    mosaic.flip_X11_y = 1;
+    mosaic.display_ortho_ZY = 1;
+    Alignment.WrapAround.x = 0;
+    Alignment.WrapAround.y = 0;
+    Alignment.WrapAround.z = 0;
+    template_unfiltered.nt = 0;
+    template_unfiltered.registration = 0;
+
+    /* 5: the options */
+    while ((option = my_getopt(myargc, myargv, "z:Z:w:W:o:O:t:T:m:M:i:I:13aAhHyY", &which_arg)) != 0) {
+        switch (option) {
+        case -1:
+            /* the word as the user typed it; words from ".align" exist only in the table */
+            printf("Option %s not valid.\n", which_arg < argc ? argv[which_arg] : myargv[which_arg]);
+            printf("Program exiting.\n");
+            fflush(stdout);
+            exit(1);
+        case 'h':
+            action_help(0, 1);
+            exit(0);
+        case 'H':
+            help_menu(0, "align-menu.txt");
+            exit(0);
+        default:
+            if (apply_startup_option(option, myargv[which_arg], opts) != 0) {
+                /* Deliberate: the character printed is the word's first, the hyphen, so the
+                   text reads "-- not yet programmed". Pinned by the driver_option_one test. */
+                printf("Valid option -%c not yet programmed.\n", myargv[which_arg][0]);
+                printf("Program exiting.\n");
+                fflush(stdout);
+                exit(1);
+            }
+            break;
+        }
+    }
+}
+
+int gather_startup_arguments(int argc, char **argv, char arguments[100][1024], char *myargv[101])
+{
+    static char no_word[1] = "";
+
+    /* 1: the program's name and the argument table */
+    snprintf(program_name, sizeof program_name, "%s", "align");
+    for (int i = 0; i < argc && i < 100; i++) snprintf(arguments[i], 1024, "%s", argv[i]);
+    for (int i = 0; i < 100; i++) myargv[i] = arguments[i];
+    myargv[100] = no_word;
+    /* Words beyond the hundredth are not copied; the scan stops at the table's end. */
+    int myargc = argc > 100 ? 100 : argc;
+
+    /* 2: a bare command line (or a lone flip toggle) takes its words from ".align" */
+    if (argc == 1 || (argc == 2 && (strcmp(argv[1], "-y") == 0 || strcmp(argv[1], "-Y") == 0)))
+        read_program_init_file(".align", arguments, &myargc);
+
+    /* 3 */
+    if (myargc < 2) {
+        printf("Error: this program should be invoked as\n");
+        printf("  align <individual file> -t <template file> [optional arguments]\n\n");
+        action_help(0, 1);
+        fflush(stdout);
+        exit(1);
+    }
+    return myargc;
 }

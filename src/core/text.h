@@ -17,6 +17,9 @@ char *get_line_with_comment(FILE *fp, char *buffer, int size);
    argc), or the option word's own for options without argument. The position is a static that
    starts at 1 and is never reset: the words are scanned once per process. */
 int my_getopt(int argc, char **argv, const char *options, int *which_arg);
+/* Sets the scanner back to the first word. align never calls it; programs that scan several
+   argument tables in one process (the fuzz targets) do. */
+void restart_my_getopt(void);
 /* Appends the words of the first line of the start-up file (its first word, the program's
    name, skipped) to arguments, at most up to 100 entries. A missing file does nothing. */
 void read_program_init_file(const char *init_file_name, char arguments[][1024], int *myargc);
@@ -44,3 +47,16 @@ struct startup_options {
    "Wrapping in (x,y,z) = ..."), and the fields of opts. Returns 1 for a letter that has no
    action here (-h, -H, -1 and unknown letters are the caller's), else 0. */
 int apply_startup_option(int option, const char *arg, startup_options *opts);
+/* Start-up steps 1 to 3 of align: program_name = "align"; the first 100 command-line words
+   into arguments and myargv (myargv[100] points at an empty word, the argument of an option
+   that ends the table); the words of ".align" appended when the command line is bare or a lone
+   -y or -Y. Returns the number of words; with fewer than 2 it prints the usage lines and the
+   start-up help and ends the process with status 1. */
+int gather_startup_arguments(int argc, char **argv, char arguments[100][1024], char *myargv[101]);
+/* Start-up steps 4 and 5 of align: sets the defaults (opts, mosaic's zoom, flips and panel
+   flags, Alignment.WrapAround, template_unfiltered.nt and .registration), then applies every
+   option of myargv[0..myargc) in turn. Ends the process: -h (start-up help) and -H (help
+   browser) with status 0; an unknown option, "Option %s not valid." (the word from argv when
+   it lies among the argc command-line words, else from the table), and an option without an
+   action, "Valid option -%c not yet programmed.", each then "Program exiting." and status 1. */
+void scan_startup_options(int argc, char **argv, int myargc, char **myargv, startup_options *opts);

@@ -1,7 +1,7 @@
 /* Loading a role's list of data files into one data_stack: every header first, the checks of
    the files against the run's first file, one allocation, then the voxel values of each file
-   converted to float, each file's size checked in its turn. Reads and writes the stack given; recognises activation_stack by
-   identity. No X11. */
+   converted to float, each file's data checked in its turn. Reads and writes the stack given;
+   recognises activation_stack by identity. No X11. */
 #include "volume_load.h"
 
 #include <cmath>
@@ -85,6 +85,22 @@ static int unpacks_to_at_least(const char *name, double need)
     return ok;
 }
 
+/* Ends the program as a failing seek does: the offset cannot be reached in that file. */
+static void seek_failed(long offset, const char *name)
+{
+    fflush(stdout);
+    fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, name);
+    exit(1);
+}
+
+/* A whole byte count for fseek: the float truncated; a value no long can hold gives -1,
+   which the seek refuses. */
+static long seek_offset(float voxel_offset)
+{
+    if (!(voxel_offset > -9.0e18f && voxel_offset < 9.0e18f)) return -1;
+    return (long)voxel_offset;
+}
+
 /* The message a read gives when a data file ends before the values its header promises. */
 static void report_short_data(const file_list *node)
 {
@@ -124,6 +140,62 @@ static int data_file_is_short(const data_stack *stack1, const file_list *node)
     return !((double)size >= need);
 }
 
+/* 1 when nothing vouches for the values a file's header promises: its data file (a slice
+   file, for a FreeSurfer stack) is short, missing or not a regular file, or its offset is
+   negative. The load stops at the first such file, in its turn, and the array is sized for
+   the files before it, so that a header without its data costs no memory. Prints nothing. */
+static int data_file_is_unusable(const data_stack *stack1, const file_list *node)
+{
+    const QL_HEADER *h = &node->header;
+    long long size;
+    if (data_file_is_short(stack1, node)) return 1;
+    if (h->file_type == FILE_FREESURFER) {
+        for (int z = 0; z < h->dim.z; z++) {
+            char slice[1024];
+            slice_file_name(slice, node->file_name, z, h->storage_type);
+            if (!file_size(slice, &size)) return 1;
+        }
+        return 0;
+    }
+    return !file_size(node->file_name, &size) || h->voxel_offset < 0.0f;
+}
+
+/* The refusal of an unusable file in its turn, in the words of its read: "cannot open" for a
+   missing data file (a missing slice names the stack; slices are looked at in order), the
+   seek's fatal message for a negative offset, the short-data message otherwise; a data file
+   that is there but no regular file has a message of its own. Never reads into the array,
+   which has no room for the file. */
+static void report_unusable(const file_list *node)
+{
+    const QL_HEADER *h = &node->header;
+    struct stat st;
+    if (h->file_type == FILE_FREESURFER) {
+        int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
+        long long need = (long long)node->nt * h->n2d * bytes;
+        for (int z = 0; z < h->dim.z; z++) {
+            char slice[1024];
+            slice_file_name(slice, node->file_name, z, h->storage_type);
+            if (stat(slice, &st) != 0) {
+                printf("\nError: cannot open file %s\n", node->file_name);
+                return;
+            }
+            if (!S_ISREG(st.st_mode) || (long long)st.st_size < need) break;
+        }
+        report_short_data(node);
+        return;
+    }
+    if (stat(node->file_name, &st) != 0) {
+        printf("\nError: cannot open file %s.\n", node->file_name);
+        return;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        printf("\nError: %s is not a regular file.\n", node->file_name);
+        return;
+    }
+    if (h->voxel_offset < 0.0f) seek_failed(seek_offset(h->voxel_offset), node->file_name);
+    report_short_data(node);
+}
+
 /* One past the last element of the stack's array that a file's read writes: its volumes, and
    for a FreeSurfer stack the planes of its last volume, which may reach past the stack's
    volume size. */
@@ -135,13 +207,17 @@ static long long end_of_file_values(const data_stack *stack1, const file_list *n
     return planes > start + node->nt * npts ? planes : start + node->nt * npts;
 }
 
+/* The run's reference: the very first file ever read, of whatever role. align never resets
+   it; forget_SpaceTime_reference does, for programs that load independent runs. */
+static int have_reference = 0;
+static IPOINT3D reference_dim;
+static POINT3D reference_resolution;
+static int reference_data_type;
+
+void forget_SpaceTime_reference(void) { have_reference = 0; }
+
 int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *file_info, int *nfiles)
 {
-    /* The run's reference: the very first file ever read, of whatever role; never reset. */
-    static int have_reference = 0;
-    static IPOINT3D reference_dim;
-    static POINT3D reference_resolution;
-    static int reference_data_type;
 
     *nfiles = 0;
     if (file_info == NULL || file_info->file_name[0] == '\0') return 0;
@@ -149,6 +225,13 @@ int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *fi
     for (file_list *node = file_info; node != NULL; node = node->next) {
         QL_HEADER header;
         if (read_volume_header(node->file_name, &header)) return 1;
+        if (header.file_type != FILE_FREESURFER && storage_bytes(header.storage_type) == 0) {
+            /* its values would never be read: refused before anything is allocated */
+            printf("Error: no storage type is given for %s; its header needs a storage-type line\n",
+                   node->file_name);
+            printf("(short, float, long, unsigned-short or unsigned-char).\n");
+            return 1;
+        }
 
         if (!have_reference) {
             have_reference = 1;
@@ -220,19 +303,19 @@ int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *fi
                stack1->npts_volume);
         return 1;
     }
-    /* Each file's data are checked in its turn, when it is read. A file that holds less than
-       its header promises ends the load there, so the array needs room only for the files
-       before it: an absurd header costs no memory. */
-    file_list *short_node = NULL;
+    /* Each file's data are checked in its turn, when it is read. A file whose data cannot
+       give what its header promises (short, missing, a negative offset) ends the load there,
+       so the array needs room only for the files before it: an absurd header costs no memory. */
+    file_list *stop_node = NULL;
     long long room = total;
     for (file_list *node = file_info; node != NULL; node = node->next)
-        if (data_file_is_short(stack1, node)) {
-            short_node = node;
+        if (data_file_is_unusable(stack1, node)) {
+            stop_node = node;
             break;
         }
-    if (short_node != NULL) {
+    if (stop_node != NULL) {
         room = 0;
-        for (file_list *node = file_info; node != short_node; node = node->next) {
+        for (file_list *node = file_info; node != stop_node; node = node->next) {
             long long end = end_of_file_values(stack1, node);
             if (end > room) room = end;
         }
@@ -241,10 +324,9 @@ int read_SpaceTime_data(int common_dimensions, data_stack *stack1, file_list *fi
     if (room != 0) stack1->SpaceTime.fData = float_vector((int)room);
 
     for (file_list *node = file_info; node != NULL; node = node->next) {
-        /* The short file's own read refuses it; one that has grown since is refused here, as
-           the array has no room for it. */
-        if (node == short_node && !data_file_is_short(stack1, node)) {
-            report_short_data(node);
+        /* The array has no room for the stopping file: it is refused here, as its read would. */
+        if (node == stop_node) {
+            report_unusable(node);
             return 1;
         }
         int failed = node->header.file_type == FILE_FREESURFER ? read_freesurfer_file(stack1, node)
@@ -284,14 +366,6 @@ static float stored_value(const void *buffer, int storage_type, size_t j, int sw
     }
 }
 
-/* A whole byte count for fseek: the float truncated; a value no long can hold gives -1,
-   which the seek refuses. */
-static long seek_offset(float voxel_offset)
-{
-    if (!(voxel_offset > -9.0e18f && voxel_offset < 9.0e18f)) return -1;
-    return (long)voxel_offset;
-}
-
 int read_quill_file(data_stack *stack1, file_list *file_info)
 {
     const QL_HEADER *h = &file_info->header;
@@ -315,9 +389,7 @@ int read_quill_file(data_stack *stack1, file_list *file_info)
     long offset = seek_offset(h->voxel_offset);
     if (offset < 0 || znzseek(fp, (znz_off_t)offset, SEEK_SET) < 0) {
         znzclose(fp);
-        fflush(stdout);
-        fprintf(stderr, "\nError doing fseek() to %ld in data file %s\n", offset, name);
-        exit(1);
+        seek_failed(offset, name);
     }
 
     int bytes = storage_bytes(h->storage_type);

@@ -337,18 +337,20 @@ void prepare_image_display(void)
 {
     static int last_zoom = -1, last_interpolate = -1, last_3orthogonal = -1, last_ortho_ZY = -1;
     static int last_orientation = -1, last_flip = -1;
-    static IPOINT3D last_pixel_dim = {-1, -1, -1};
+    static IPOINT3D last_pixel_dim = {-1, -1, -1}, last_grid = {-1, -1, -1};
     static data_stack *last_stack = NULL;
 
     image_scale_slope = 255.0f / (image_scale_max - image_scale_min);
     image_scale_offset = 255.0f - image_scale_slope * image_scale_max;
 
-    IPOINT3D d = mosaic.PixelDim;
+    /* The tables hold voxel addresses, so they follow the grid in force as well as the
+       on-screen size: a resolution change can keep the one and change the other. */
+    IPOINT3D d = mosaic.PixelDim, g = mosaic.stack->dim;
     if (mosaic.zoom != last_zoom || mosaic.interpolate != last_interpolate ||
         mosaic.display_3orthogonal != last_3orthogonal || mosaic.display_ortho_ZY != last_ortho_ZY ||
         mosaic.mosaic_orientation != last_orientation || mosaic.flip_X11_y != last_flip ||
         d.x != last_pixel_dim.x || d.y != last_pixel_dim.y || d.z != last_pixel_dim.z ||
-        mosaic.stack != last_stack) {
+        g.x != last_grid.x || g.y != last_grid.y || g.z != last_grid.z || mosaic.stack != last_stack) {
         create_neighorhoods();
         last_zoom = mosaic.zoom;
         last_interpolate = mosaic.interpolate;
@@ -357,6 +359,7 @@ void prepare_image_display(void)
         last_orientation = mosaic.mosaic_orientation;
         last_flip = mosaic.flip_X11_y;
         last_pixel_dim = d;
+        last_grid = g;
         last_stack = mosaic.stack;
     }
 }

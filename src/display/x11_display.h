@@ -28,9 +28,11 @@ int keysym_to_code(unsigned long keysym);
    Returns 0 on Escape, 1 otherwise with the answer in result (1024 characters). */
 int get_X11_string(int where, const char *prompt, const char *hint, const char *deflt, int mode, int multi,
                    char *result);
-/* "Really quit?": y or Y saves the alignment and ends the program with status 0. */
+/* "Really quit?": y or Y saves the alignment and ends the program with status 0; when the save
+   fails the session goes on. */
 void action_quit(void);
-void action_quit_specific(void);
+/* The program's part of quitting: saves the alignment; 0, or 1 when the save failed. */
+int action_quit_specific(void);
 
 void reset_cursor_selections(void);
 void action_select_slices(void);

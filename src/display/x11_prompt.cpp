@@ -41,15 +41,18 @@ int get_X11_string(int where, const char *prompt, const char *hint, const char *
     return 1;
 }
 
-void action_quit_specific(void) { save_alignment_parameters(); }
+int action_quit_specific(void) { return save_alignment_parameters(); }
 
+/* A quit whose save fails does not end the session, so that the alignment in memory is not
+   lost: the save has printed why, and the user can make room and quit again. */
 void action_quit(void)
 {
     char answer[1024];
     if (get_X11_string(2, "Really quit?", "(y,Y,other)", "", 0, 0, answer) == 1 &&
         (strcmp(answer, "y") == 0 || strcmp(answer, "Y") == 0)) {
-        action_quit_specific();
-        exit(0);
+        if (action_quit_specific() == 0) exit(0);
+        show_on_info_line("The alignment could not be saved (see the terminal):", "continuing...", "");
+        return;
     }
     show_on_info_line("continuing...", "", "");
 }

@@ -28,7 +28,7 @@ expect_failure mask_grid "Error: the mask small.nii has 24 x 24 x 24 voxels, the
 "$make_volumes" moved tpl.nii empty.nii 500 0 0 0 0 0 1 1 1 > /dev/null || exit 1
 expect_failure mask_empty "Error: the mask empty.nii has no non-zero voxel." ind.nii tpl.nii --out out --mask empty.nii
 # an empty template leaves nothing to compare
-expect_failure empty_template "Error: the template has no non-zero voxel to compare." ind.nii empty.nii --out out
+expect_failure empty_template "Error: the template empty.nii has no non-zero voxel." ind.nii empty.nii --out out
 
 # the output directory cannot be made where a file stands
 echo text > afile

@@ -1,6 +1,7 @@
 # align-batch on brains with known truth, at 2 mm voxels: the template is mricron's ch2bet, the
 # individual its unstripped twin ch2 moved by a moderate and by a large affine, the same with
-# the contrast inverted (another contrast of the same brain), and ch2 under a smooth 3.5 mm warp
+# the contrast inverted (another contrast of the same brain), turned by a quarter turn and
+# shifted by a centimetre (a scan whose orientation is off), and ch2 under a smooth 3.5 mm warp
 # on top of an affine with the non-linear stage. The mean mapping error over the template's brain
 # voxels must stay within a tenth of a voxel for the affine cases (the maps: well below the
 # affine error, under half a millimetre, no folded voxel). Prints the errors and the times.
@@ -32,11 +33,14 @@ case_run() {
 
 moderate="3 -2 4 4 -3 2 1.03 0.97 1.02"
 large="12 -10 14 12 -15 10 1.06 0.95 1.04 0.02 -0.03 0.01"
+turned="8 -10 6 90 3 -2 1 1 1"
 warp="2 -1.5 1 2 1 0 1.02 0.99 1.01"
 "$make_volumes" moved head.nii moderate.nii $moderate > /dev/null &&
     "$make_volumes" truth-field tpl.nii truth_moderate.nii 0 $moderate > /dev/null &&
     "$make_volumes" moved head.nii large.nii $large > /dev/null &&
     "$make_volumes" truth-field tpl.nii truth_large.nii 0 $large > /dev/null &&
+    "$make_volumes" moved head.nii turned.nii $turned > /dev/null &&
+    "$make_volumes" truth-field tpl.nii truth_turned.nii 0 $turned > /dev/null &&
     "$make_volumes" warped head.nii warped.nii 3.5 $warp > /dev/null &&
     "$make_volumes" truth-field tpl.nii truth_warped.nii 3.5 $warp > /dev/null || exit 1
 # another contrast: inside the head the intensities are turned upside down (dark grey matter
@@ -55,6 +59,8 @@ cp truth_moderate.nii truth_inverted.nii
 case_run moderate 0.2 moderate.nii
 case_run large 0.2 large.nii
 case_run inverted 0.2 inverted.nii
+case_run turned 0.2 turned.nii
+grep "^set registration-orientation" out_turned/align.com
 case_run warped 0.5 warped.nii --nonlinear
 grep -v "^set registration-distortions" out_warped/align.com > affine_warped.com
 "$make_volumes" mapping-error tpl.nii affine_warped.com --truth truth_warped.nii > affine_error.txt || exit 1

@@ -25,5 +25,13 @@ done
 /usr/bin/python3 -c "import json, sys; s = json.load(open('b_moved/summary.json'))
 sys.exit(0 if s['search'] == 'specified' and 'start' not in s else 1)" || { echo "FAIL: summary of the specified search"; fail=1; }
 
+# with --nonlinear, align's automatic non-linear alignment follows on the current grid
+"$make_volumes" warped tpl.nii warped.nii 3 1 -1 0.5 1 0 0 1 1 1 > /dev/null || exit 1
+"$batch" warped.nii tpl.nii --out b_nl --search specified --nonlinear > b_nl.txt 2>&1 ||
+    { echo "FAIL: specified non-linear run"; tail -10 b_nl.txt; fail=1; }
+grep -q "^MI = .* on final pass for level 1" b_nl.txt || { echo "FAIL: no non-linear pass"; fail=1; }
+grep -qx "set registration-distortions $work/b_nl/distortions.nii" b_nl/align.com ||
+    { echo "FAIL: distortion line"; cat b_nl/align.com; fail=1; }
+
 [ "$fail" = 0 ] && echo PASS
 exit $fail

@@ -19,11 +19,6 @@ if(XVFB_RUN AND XDOTOOL)
                      /usr/bin/python3 ${DISPLAY_SESSION} ${ALIGN_BIN} ${scenario})
     set_tests_properties(display_${scenario} PROPERTIES TIMEOUT 180 RESOURCE_LOCK xvfb SKIP_RETURN_CODE 77)
   endforeach()
-  add_test(NAME display_key_events
-           COMMAND ${XVFB_RUN} -a -n 170 -s "-screen 0 1280x1024x24"
-                   $<TARGET_FILE:align_display_tests> --gtest_filter=GetKeyPress.*)
-  set_tests_properties(display_key_events PROPERTIES TIMEOUT 120 RESOURCE_LOCK xvfb
-                       FAIL_REGULAR_EXPRESSION "SKIPPED|FAILED")
   add_test(NAME display_too_big
            COMMAND ${XVFB_RUN} -a -n 175 -s "-screen 0 200x150x24" /usr/bin/python3 ${DISPLAY_SESSION} ${ALIGN_BIN} too_big)
   set_tests_properties(display_too_big PROPERTIES TIMEOUT 120 RESOURCE_LOCK xvfb SKIP_RETURN_CODE 77)

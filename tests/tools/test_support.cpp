@@ -6,8 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <csignal>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -62,6 +65,32 @@ ScopedTempDir::~ScopedTempDir()
     if (!previous.empty() && chdir(previous.c_str()) != 0) return;
     std::string cmd = "rm -rf '" + path + "'";
     if (system(cmd.c_str()) != 0) return;
+}
+
+ScopedFileSizeLimit::ScopedFileSizeLimit(long bytes)
+{
+    struct rlimit limit;
+    getrlimit(RLIMIT_FSIZE, &limit);
+    saved_cur = (long)limit.rlim_cur;
+    signal(SIGXFSZ, SIG_IGN);
+    limit.rlim_cur = (rlim_t)bytes;
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) abort();
+}
+
+ScopedFileSizeLimit::~ScopedFileSizeLimit()
+{
+    struct rlimit limit;
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = (rlim_t)saved_cur;
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+int leftover_temporaries(void)
+{
+    int n = 0;
+    for (const auto &entry : std::filesystem::directory_iterator("."))
+        if (entry.path().filename().string().rfind(".part-", 0) == 0) n++;
+    return n;
 }
 
 std::string read_text_file(const std::string &name)

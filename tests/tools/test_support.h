@@ -20,6 +20,16 @@ struct ScopedTempDir {
     ScopedTempDir();
     ~ScopedTempDir();
 };
+/* A disk that takes at most `bytes` in any one file while this lives: RLIMIT_FSIZE with SIGXFSZ
+   ignored, so that a write past it fails (EFBIG) as on a full disk. */
+struct ScopedFileSizeLimit {
+    long saved_cur;
+    explicit ScopedFileSizeLimit(long bytes);
+    ~ScopedFileSizeLimit();
+};
+/* Number of temporary save files (".part-...") left in the current directory. */
+int leftover_temporaries(void);
+
 std::string read_text_file(const std::string &name);
 void write_text_file(const std::string &name, const std::string &content);
 /* Packs the file `from' into `to' in gzip format with zlib; keep_bytes >= 0 then cuts the packed

@@ -172,7 +172,7 @@ TEST(RemappedResidual, TableFollowsAnInvertedContrastAndBiweightDropsOutliers)
     mask.data = float_vector(tpl.dim.x * tpl.dim.y * tpl.dim.z);
     for (size_t i = 0; i < grid_size(tpl.dim); i++) mask.data[i] = tpl.data[i] != 0.0f;
     search_level L;
-    build_level(&L, &tpl, &mask, &ind, 2.0, 1, 1);
+    build_level(&L, &tpl, &mask, &ind, 2.0, 1, 1, 1);
     // an individual of the inverted contrast I = 500 - 2 T: the table follows it to within the
     // slope times half a bin (bin means are taken at bin centres)
     std::vector<float> I(grid_size(L.tpl.dim));

@@ -123,6 +123,42 @@ TEST(LineScan, BestInsideFirstBracketHalvesTheIncrement)
 }
 
 namespace {
+// Similarities that become undefined. A scan that never ends is cut off after 1000 trials
+// with status 3, so that such a fault fails the test instead of hanging it.
+float undefined_from_2_5(const float *v)
+{
+    if (g_costs > 1000) exit(3);
+    return v[0] >= 2.5f ? NAN : v[0];
+}
+float undefined_left_probe(const float *v)
+{
+    if (g_costs > 1000) exit(3);
+    return v[0] <= -0.5f ? NAN : -(v[0] - 3.0f) * (v[0] - 3.0f);
+}
+// A scan of parameter 0 from 0 in steps of 1 under the similarity f, then status 0.
+void scan_then_exit(float (*f)(const float *), float cost_initial)
+{
+    dup2(2, 1);
+    use_analytic_similarity(f);
+    AlignAid.iParameter = 0;
+    AlignAid.increment[0] = 1.0f;
+    float best, offset;
+    line_scan_1d(0, cost_initial, &best, &offset);
+    exit(0);
+}
+}  // namespace
+
+TEST(LineScanDeathTest, ASimilarityThatIsNotANumberEndsTheProcessWhereverItArises)
+{
+    // In the march: up from 0 through 1 and 2, then 3 is not a number.
+    EXPECT_EXIT(scan_then_exit(undefined_from_2_5, 0.0f), testing::ExitedWithCode(1),
+        "Programming or memory error in line_scan_1d\nX3Point = \\(1 2 3\\), Y3Point = \\(1 2 nan\\)");
+    // At a probe, though the other probe alone would give a direction.
+    EXPECT_EXIT(scan_then_exit(undefined_left_probe, -9.0f), testing::ExitedWithCode(1),
+        "Programming or memory error in line_scan_1d\nX3Point = \\(-1 0 1\\), Y3Point = \\(nan -9 -4\\)");
+}
+
+namespace {
 float separable_peak(const float *v)
 {
     return 10.0f - (v[0] - 0.05f) * (v[0] - 0.05f) - (v[2] - 4.0f) * (v[2] - 4.0f);
@@ -256,6 +292,56 @@ TEST(AffineSearch, RecoversTheShiftOfAPhantom)
     EXPECT_NEAR(Alignment.value[0], -5.0f, 0.5f);
     EXPECT_NEAR(Alignment.value[1], 0.0f, 0.5f);
     EXPECT_NEAR(Alignment.value[2], 0.0f, 0.5f);
+}
+
+namespace {
+// The real resampling and similarity, counted; a search that never ends is cut off after
+// 1000 resamplings with status 3.
+void bounded_resample(int all_voxels, int most_accurate)
+{
+    if (++g_resamples > 1000) exit(3);
+    transform_coordinates(all_voxels, most_accurate);
+}
+
+// The phantom as template and an individual of zeros on the same grid, set up as the start-up
+// does, searched with the real similarity.
+void start_up_empty_individual(void)
+{
+    make_stack(&original_unfiltered, 32, 32, 32, 1, 2.0f, 2.0f, 2.0f);
+    make_stack(&template_unfiltered, 32, 32, 32, 1, 2.0f, 2.0f, 2.0f);
+    fill_phantom(&template_unfiltered, 0.0f);
+    DisplayHooks = {};
+    initialize_mosaic_ovl(0);
+    initialize_alignment();
+    Alignment.ijk_to_xyz = centered_ijk_to_xyz(template_unfiltered);
+    Alignment.xyz_to_ijk = centered_xyz_to_ijk(original_unfiltered);
+    filter_image_data();
+    transform_coordinates(1, 0);
+    g_resamples = 0;
+    AffineTrial.resample = bounded_resample;
+    AffineTrial.cost = cost_function;
+}
+}  // namespace
+
+TEST(LineScan, StopsWhereItsStepsNoLongerChangeTheResampledIndividual)
+{
+    // Every resampling of an empty individual is all zeros and its similarity 0: the probes
+    // tie, the march goes down, -2 only ties again and -3 changes nothing: the scan stops
+    // there and reports the best point so far, with no gain.
+    start_up_empty_individual();
+    AlignAid.iParameter = 0;
+    AlignAid.increment[0] = 1.0f;
+    float best = -1.0f, offset = 0.0f;
+    testing::internal::CaptureStdout();
+    line_scan_1d(0, cost_function(0), &best, &offset);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(g_resamples, 4);
+    EXPECT_EQ(best, 0.0f);
+    EXPECT_EQ(offset, -2.0f);
+    EXPECT_EQ(out, "The line search of x stops at -2: its steps no longer change the resampled individual\n"
+                   "(an empty or constant individual, a parameter without effect, or no template voxel left "
+                   "on its grid).\n");
+    AffineTrial.resample = transform_coordinates;
 }
 
 namespace {

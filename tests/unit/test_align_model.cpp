@@ -153,6 +153,19 @@ TEST(CalculateOrientationRotation, ThreeQuarterTurnsAreDegenerate)
     EXPECT_EQ(s, 0.0f);
 }
 
+TEST(CalculateOrientationRotation, TurnCountsAtTheEndsOfTheIntRangeAreDegenerate)
+{
+    // Counts an edited align.com can hold: neither is -1, 0, 1 or 2 quarter turns, so both
+    // give cosine = sine = 0 (times 90 they would wrap round to -90 and to 0 degrees).
+    float c = 5, s = 5;
+    define_cosine_sine(2147483647, &c, &s);
+    EXPECT_EQ(c, 0.0f);
+    EXPECT_EQ(s, 0.0f);
+    define_cosine_sine(-2147483647 - 1, &c, &s);
+    EXPECT_EQ(c, 0.0f);
+    EXPECT_EQ(s, 0.0f);
+}
+
 TEST(CalculateOrientationRotation, SwapZMirrorsTheZAxis)
 {
     reset_parameters();
@@ -236,4 +249,22 @@ TEST(InitializeAlignment, SubSamplingOfYAndZMatchesTheMillimetresOfX)
     initialize_alignment();
     EXPECT_EQ(AlignAid.SubSampleSetting.y, 1);
     EXPECT_EQ(AlignAid.SubSampleSetting.z, 1);
+}
+
+TEST(InitializeAlignment, SubSamplingStaysWithinTheTemplateForExtremeVoxelSizes)
+{
+    // 64 wide at 1 mm: x step 2 = 2 mm. y voxels of 1e-30 mm give a ratio beyond any int: the
+    // step is held at the template's 8 voxels along y; z voxels of no size (NaN) give 1.
+    make_volumes(8, 8, 8, 1, 1, 1, 64, {1.0f, 1e-30f, NAN});
+    initialize_alignment();
+    EXPECT_EQ(AlignAid.SubSampleSetting.x, 2);
+    EXPECT_EQ(AlignAid.SubSampleSetting.y, 8);
+    EXPECT_EQ(AlignAid.SubSampleSetting.z, 1);
+    // 256 wide at 1 mm: x step 6; a template of 4 x 3 x 8 voxels bounds x at 4 and y at 3
+    // (6 mm over 1 mm voxels), z at 4 mm gives 1.5 -> 2.
+    make_volumes(4, 3, 8, 1, 1, 1, 256, {1.0f, 1.0f, 4.0f});
+    initialize_alignment();
+    EXPECT_EQ(AlignAid.SubSampleSetting.x, 4);
+    EXPECT_EQ(AlignAid.SubSampleSetting.y, 3);
+    EXPECT_EQ(AlignAid.SubSampleSetting.z, 2);
 }

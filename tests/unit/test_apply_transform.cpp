@@ -194,7 +194,7 @@ TEST(ApplyInverse, PositionsUndoTheForwardMapping)
     }
 }
 
-TEST(ApplyInverse, FoldedRegionsAreCounted)
+TEST(ApplyInverse, FoldedRegionsAreCountedAndASingularAffineRefused)
 {
     make_scene(16, 2.0f, 16, 2.0f);
     // d_x = 8 sin(2 pi x / 16) mm: slope 8 * 2pi / 32 mm > 1, so x folds back on itself
@@ -208,6 +208,12 @@ TEST(ApplyInverse, FoldedRegionsAreCounted)
     EXPECT_GT(report.not_invertible, 16 * 16);  // at least a slab of voxels
     EXPECT_LT(report.not_invertible, report.inside);
     free_voxel_positions(&p);
+
+    // three quarter turns about z give a re-orientation with two zero rows: nothing to invert
+    Alignment.OrientRotation.z = 3;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(inverse_positions(original.dim, original.resolution, &p, &report), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error: the affine alignment is singular and cannot be inverted.\n");
 }
 
 TEST(ApplyJacobian, ScalingAndLinearDisplacementGiveTheirDeterminant)

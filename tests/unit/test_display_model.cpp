@@ -83,6 +83,18 @@ TEST(ComputeDisplaySize, CoarseAxisIsStretchedInPixels)
     EXPECT_EQ(mosaic.PixelDim.x, 4);
 }
 
+TEST(ComputeDisplaySize, ExtremeVoxelSizeRatioGivesAWindowWiderThanAnyScreen)
+{
+    // x voxels 1e30 times the y voxels: the panels would be 4e30 pixels wide. The window comes
+    // out wider than any screen (so it is refused as too big) instead of a wrapped-round size.
+    show_stack(4, 4, 2, 1e30f, 1.0f, 1.0f);
+    IPOINT2D size = compute_display_size(NULL);
+    EXPECT_GT(size.x, 1 << 16);
+    EXPECT_GT(mosaic.ImageRegionPixels.x, 1 << 16);
+    EXPECT_EQ(mosaic.PixelDim.y, 4);
+    EXPECT_EQ(size.y, mosaic.ImageRegionPixels.y + 75);
+}
+
 TEST(CursorSelectionOnImageWindow, MosaicPixelsRoundTripToVoxelsInEveryOrientation)
 {
     for (int flip = 0; flip <= 1; flip++)

@@ -166,6 +166,32 @@ TEST(WriteDistortionFiles, BshortNameWritesHeaderAndFloatData)
     EXPECT_EQ(data, want);
 }
 
+TEST(WriteDistortionFiles, AFullDiskKeepsBothFilesOfTheOldPair)
+{
+    // The .hdr (about 120 bytes) fits a disk of 512 bytes a file, the .bfloat (720) does not:
+    // neither file of the pair changes, and nothing is left behind.
+    ScopedTempDir dir;
+    set_up_maps();
+    char name[1024] = "maps.bfloat";
+    ASSERT_EQ(write_distortion_files(name), 0);
+    std::string old_hdr = read_text_file("maps.hdr"), old_data = read_text_file("maps.bfloat");
+    template_.origin.x = 99.0f;
+    clear_maps(3.0f);
+    snprintf(name, sizeof name, "maps.bfloat");
+    testing::internal::CaptureStdout();
+    int status;
+    {
+        ScopedFileSizeLimit disk(512);
+        status = write_distortion_files(name);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Error: maps.bfloat could not be written (File too large); the previous file is kept.\n");
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(read_text_file("maps.hdr"), old_hdr);
+    EXPECT_EQ(read_text_file("maps.bfloat"), old_data);
+    EXPECT_EQ(leftover_temporaries(), 0);
+}
+
 TEST(WriteDistortionFiles, UnwritableNiftiPrintsOnlyItsOwnMessage)
 {
     ScopedTempDir dir;
@@ -273,4 +299,34 @@ TEST(ReadDistortionFile, GzippedNiftiMapsReadLikeThePlainFile)
     ASSERT_EQ(status, 0) << out;
     EXPECT_EQ(header.nt, 3);
     EXPECT_EQ(saved_maps(), want);
+}
+
+TEST(ReadDistortionFile, OffsetsPastTheEndReadNothingAndNegativeOnesStopTheProgram)
+{
+    ScopedTempDir dir;
+    set_up_maps();
+    FILE *fp = fopen("maps.bfloat", "wb");
+    ASSERT_NE(fp, nullptr);
+    std::vector<float> data(3 * N, 1.0f);
+    fwrite(data.data(), sizeof(float), data.size(), fp);
+    fclose(fp);
+    QL_HEADER header;
+    memset(&header, 0, sizeof header);
+    header.storage_type = 2;
+    header.byte_order = machine_byte_order();
+    template_.npts_volume = N;
+    char name[1024] = "maps.bfloat";
+    // one byte past the 3 * 60 floats, a float no long holds, and NaN
+    for (float offset : {3.0f * N * 4 + 1, 1e30f, NAN}) {
+        clear_maps(5.0f);
+        header.voxel_offset = offset;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(read_distortion_file(name, header), 1) << offset;
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "Error reading the distortion map data from file maps.bfloat\n");
+        EXPECT_EQ(saved_maps(), std::vector<float>(3 * N, 5.0f));
+    }
+    header.voxel_offset = -1e30f;
+    EXPECT_EXIT(read_distortion_file(name, header), testing::ExitedWithCode(1),
+                "\nError doing fseek\\(\\) to -1 in data file maps.bfloat\n");
 }

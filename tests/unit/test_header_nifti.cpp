@@ -157,6 +157,27 @@ TEST(ReadNiftiHeader, DimensionChecksNameTheHeaderFile)
     EXPECT_NE(huge.out.find("are too large.\n"), std::string::npos) << huge.out;
 }
 
+/* invert_mat44 would stop the program on these with "failed on row 0": the header is refused. */
+TEST(ReadNiftiHeader, OrientationsThatCannotBeInvertedAreRefused)
+{
+    ScopedTempDir dir;
+    const float zero[4] = {0, 0, 0, 0};
+    NiftiFixture flat = nifti_fixture(2, 2, 2, 1, 1.0f, DT_FLOAT32);
+    set_nifti_method3(&flat, ROTATED_X, zero, ROTATED_Z);  // the y row is zero
+    Read r = write_and_read("flat.nii", flat);
+    EXPECT_EQ(r.result, 1);
+    EXPECT_EQ(r.out, "The NIFTI header for file flat.nii uses Method 3: affine transformation of voxel indices\n"
+                     "Error: the voxel-to-space matrix of flat.nii is singular or not finite.\n");
+    NiftiFixture lost = nifti_fixture(2, 2, 2, 1, 1.0f, DT_FLOAT32);
+    set_nifti_method2(&lost, 0, 0, 0, NAN, 0, 0, 1);  // an offset that is not a number
+    r = write_and_read("lost.nii", lost);
+    EXPECT_EQ(r.result, 1);
+    EXPECT_NE(r.out.find("Error: the voxel-to-space matrix of lost.nii is singular or not finite.\n"),
+              std::string::npos) << r.out;
+    set_nifti_method2(&lost, 0, 0, 0, 1e30f, 0, 0, 1);  // large, but the inverse is finite
+    EXPECT_EQ(write_and_read("lost.nii", lost).result, 0);
+}
+
 TEST(ReadNiftiHeader, DegreesOfFreedomExtension)
 {
     ScopedTempDir dir;

@@ -193,3 +193,50 @@ TEST(ReadVolumeHeader, RefusesNegativeAndOversizedDimensions)
     }
     EXPECT_EQ(read_volume("a.bshort", "x 1024\ny 1024\nz 512\nt 1\n").result, 0);
 }
+
+/* Every header kind passes through the same check, which names the data file given. */
+TEST(ReadVolumeHeader, RefusesVoxelSizesThatAreNotPositiveAndFinite)
+{
+    ScopedTempDir dir;
+    const char *quill[][2] = {{"resolution 1 0 1\n", "(1,0,1)"},
+                              {"resolution 1 1 -2\n", "(1,1,-2)"},
+                              {"resolution nan 1 1\n", "(nan,1,1)"},
+                              {"resolution 1 inf 1\n", "(1,inf,1)"}};
+    for (auto &q : quill) {
+        Decoded d = read_volume("q.bshort", (std::string(SIZES) + q[0]).c_str());
+        EXPECT_EQ(d.result, 1) << q[0];
+        EXPECT_EQ(d.out, std::string("Error: the voxel size ") + q[1] +
+                             " given for q.bshort must be positive and finite.\n");
+    }
+    EXPECT_EQ(read_volume("q.bshort", (std::string(SIZES) + "resolution 1e-3 2 3\n").c_str()).result, 0);
+
+    // NIfTI pixdim 2 -2 2 and a NaN, in a single file and in a pair
+    NiftiFixture f = nifti_fixture(4, 3, 2, 1, 2.0f, DT_FLOAT32);
+    f.h.pixdim[2] = -2.0f;
+    write_nifti("n.nii", f, std::vector<unsigned char>(96));
+    HeaderRead r = read_header_printing("n.nii");
+    EXPECT_EQ(r.result, 1);
+    EXPECT_EQ(r.out, "The NIFTI header for file n.nii uses Method 1: the old analyze format\n"
+                     "Error: the voxel size (2,-2,2) given for n.nii must be positive and finite.\n");
+    f.h.pixdim[2] = 2.0f;
+    f.h.pixdim[3] = NAN;
+    write_nifti("n.img", f, std::vector<unsigned char>(96));
+    r = read_header_printing("n.img");
+    EXPECT_EQ(r.result, 1);
+    EXPECT_NE(r.out.find("Error: the voxel size (2,2,nan) given for n.img must be positive and finite.\n"),
+              std::string::npos) << r.out;
+
+    // FreeSurfer: corners that coincide along the columns, and a negative slice thickness
+    std::vector<double> v(4 * 3 * 2, 1.0);
+    write_freesurfer_volume("fs_", 4, 3, 2, 1, 1.0f, 1.0f, 2.0f, 1, 1, v);
+    write_text_file("fs.bhdr", "cols: 4\nrows: 3\nnslices: 2\nn_time_points: 1\nslice_thick: 1\n"
+                               "top_right_a: 0\nbottom_right_a: 3\n");
+    r = read_header_printing("fs_");
+    EXPECT_EQ(r.result, 1);
+    EXPECT_EQ(r.out, "Error: the voxel size (0,1,1) given for fs_ must be positive and finite.\n");
+    write_text_file("fs.bhdr", "cols: 4\nrows: 3\nnslices: 2\nn_time_points: 1\nslice_thick: -1\n"
+                               "top_right_r: 4\nbottom_right_r: 4\nbottom_right_a: 3\n");
+    r = read_header_printing("fs_");
+    EXPECT_EQ(r.result, 1);
+    EXPECT_EQ(r.out, "Error: the voxel size (1,1,-1) given for fs_ must be positive and finite.\n");
+}

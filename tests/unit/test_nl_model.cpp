@@ -261,3 +261,35 @@ TEST(CreateBasisFunctionImage, WritesTheCurrentBasisInsideItsBoxOnly)
     EXPECT_NEAR(map_at(&NL_bases, 8, 8, 15), NL_Basis_function(b, {8, 8, 15}), 0.0f);
     EXPECT_GT(map_at(&NL_bases, 8, 8, 15), 0.9f);
 }
+
+TEST(UpdateNonlinearAlignmentParameters, AGridOfNoCellAlongAnAxisSpansThatAxis)
+{
+    // A thin template rounds its z cell count to 0: the z half-width is the whole axis, 2.
+    make_model(16, 16, 2, {8, 8, 0});
+    EXPECT_EQ(AlignNL.BasisFWHM.x, 2);
+    EXPECT_EQ(AlignNL.BasisFWHM.z, 2);
+    for (int n = 0; n < AlignNL.NBasis; n++) ASSERT_LE(AlignNL.Index3DEnd[n].z, 2) << n;
+}
+
+TEST(UpdateNonlinearAlignmentParameters, NewTemplateDimensionsLayTheGridOutAgain)
+{
+    // 16 voxels, 4 cells: half-width 4. A resolution change halves the template along x
+    // (and the maps with it) under the same BasisGrid: half-width rint(8 / 4) = 2 and every
+    // box ends within the 8 voxels.
+    make_model(16, 16, 16, {4, 4, 4});
+    EXPECT_EQ(AlignNL.BasisFWHM.x, 4);
+    EXPECT_EQ(nonlinear_grid_current(), 1);
+    for (data_stack *s : {&template_, &individual, &original, &NL_bases})
+        make_stack(s, 8, 16, 16, 1);
+    for (data_stack *s : {&distort_x, &distort_y, &distort_z, &distort_d})
+        make_stack(s, 8, 16, 16, 2);
+    EXPECT_EQ(nonlinear_grid_current(), 0);
+    update_nonlinear_alignment_parameters(1);
+    EXPECT_EQ(AlignNL.BasisFWHM.x, 2);
+    EXPECT_EQ(AlignNL.BasisFWHM.y, 4);
+    int widest = 0;
+    for (int n = 0; n < AlignNL.NBasis; n++)
+        if (AlignNL.Index3DEnd[n].x > widest) widest = AlignNL.Index3DEnd[n].x;
+    EXPECT_EQ(widest, 8);
+    EXPECT_EQ(nonlinear_grid_current(), 1);
+}

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include "fixture_writers.h"
@@ -107,6 +108,80 @@ TEST(Save, ANaNInAMapWritesTheDistortionLine)
     EXPECT_NE(text.find("set registration-distortions " + expected_name + "\n"), std::string::npos);
 }
 
+namespace {
+
+// Maps of n x n x n voxels on a 2 mm template, each voxel a distinct value plus `offset`.
+void make_maps(int n, float offset)
+{
+    make_stack(&template_, n, n, n, 1, 2.0f, 2.0f, 2.0f);
+    for (data_stack *m : {&distort_x, &distort_y, &distort_z}) {
+        make_stack(m, n, n, n, 2, 2.0f, 2.0f, 2.0f);
+        for (int i = 0; i < m->n3d; i++) m->SpaceTime.fData[i] = offset + 0.5f * i;
+    }
+}
+
+}  // namespace
+
+TEST(Save, AFullDiskKeepsAlignComAndTheMapsAndFails)
+{
+    ScopedTempDir dir;
+    set_geometry();
+    make_maps(8, 1.0f);  // distortions.nii: 352 + 3 * 512 * 4 = 6496 bytes
+    int status;
+    save_output(&status);
+    ASSERT_EQ(status, 0);
+    std::string old_com = read_text_file("align.com"), old_maps = read_text_file("distortions.nii");
+    ASSERT_EQ(old_maps.size(), 6496u);
+
+    Alignment.value[0] = 7.0f;
+    make_maps(8, 2.0f);
+    std::string out;
+    {
+        ScopedFileSizeLimit disk(4096);  // room for align.com, not for the maps
+        out = save_output(&status);
+    }
+    EXPECT_EQ(status, 1);
+    std::string maps = dir.path + "/distortions.nii";
+    EXPECT_NE(out.find("Error: " + maps + " could not be written (File too large); the previous file is kept.\n"),
+              std::string::npos) << out;
+    EXPECT_NE(out.find("Error writing file " + maps + "\n"), std::string::npos) << out;
+    EXPECT_EQ(out.find("were saved"), std::string::npos);
+    EXPECT_EQ(read_text_file("align.com"), old_com);
+    EXPECT_EQ(read_text_file("distortions.nii"), old_maps);
+    EXPECT_EQ(leftover_temporaries(), 0);
+}
+
+TEST(Save, MapsWrittenInFullAreNotRenamedWhenAlignComFails)
+{
+    // One voxel: the maps (364 bytes) are smaller than align.com with its distortion line, so
+    // a disk of 400 bytes a file takes the maps but not align.com: neither file may change.
+    ScopedTempDir dir;
+    set_geometry();
+    Alignment.RigidBody = 0;  // three more lines
+    Alignment.registration = REG_PW_RAT;
+    Alignment.WrapAround = {1, 0, 0};
+    make_maps(1, 1.0f);
+    int status;
+    save_output(&status);
+    ASSERT_EQ(status, 0);
+    std::string old_com = read_text_file("align.com"), old_maps = read_text_file("distortions.nii");
+    ASSERT_EQ(old_maps.size(), 364u);
+    ASSERT_GT(old_com.size(), 400u);
+
+    make_maps(1, 5.0f);
+    std::string out;
+    {
+        ScopedFileSizeLimit disk(400);
+        out = save_output(&status);
+    }
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(out.find("Error: align.com could not be written (File too large); the previous file is kept.\n"),
+              std::string::npos) << out;
+    EXPECT_EQ(read_text_file("distortions.nii"), old_maps);
+    EXPECT_EQ(read_text_file("align.com"), old_com);
+    EXPECT_EQ(leftover_temporaries(), 0);
+}
+
 TEST(Recall, RoundTripRestoresValuesAndSetsAdjustFlags)
 {
     ScopedTempDir dir;
@@ -170,6 +245,38 @@ TEST(Recall, BadValuesPrintTheirMessages)
         EXPECT_EQ(recall_output(&status), c.message) << c.line;
         EXPECT_EQ(status, 1) << c.line;
     }
+}
+
+TEST(Recall, NumbersThatAreNotFiniteAreReadErrorsOfTheirKeyword)
+{
+    // Not stored either, so that no search starts from them; the skews keep the inflations text.
+    struct Case {
+        const char *line, *message;
+        int first;
+    } cases[] = {
+        {"set registration-translations nan 0 0\n", "Error reading the value of `set registration-translations'\n", 0},
+        {"set registration-rotations 0 inf 0\n", "Error reading the value of `set registration-rotations'\n", 3},
+        {"set registration-inflations 1 1 1e39\n", "Error reading the value of `set registration-inflations'\n", 6},
+        {"set registration-skews 0 0 -nan\n", "Error reading the value of `set registration-inflations'\n", 9},
+    };
+    for (const Case &c : cases) {
+        ScopedTempDir dir;
+        set_geometry();
+        for (int j = 0; j < 12; j++) Alignment.value[j] = 0.5f * j;
+        write_text_file("align.com", c.line);
+        int status;
+        EXPECT_EQ(recall_output(&status), c.message) << c.line;
+        EXPECT_EQ(status, 1) << c.line;
+        for (int j = c.first; j < c.first + 3; j++) EXPECT_EQ(Alignment.value[j], 0.5f * j) << c.line << j;
+    }
+    // 1e30 is a float: it is read and kept.
+    ScopedTempDir dir;
+    set_geometry();
+    write_text_file("align.com", "set registration-translations 1e30 0 0\n");
+    int status;
+    recall_output(&status);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(Alignment.value[0], 1e30f);
 }
 
 TEST(Recall, NaNGeometryNeverMatches)

@@ -13,8 +13,11 @@
 #include "display_model.h"
 #include "filters.h"
 #include "globals.h"
+#include "nl_model.h"
+#include "nl_search.h"
 #include "numerics.h"
 #include "prepare.h"
+#include "resample.h"
 #include "test_support.h"
 #include "volume.h"
 
@@ -244,5 +247,43 @@ TEST(ActionChangeResolution, ReducingAndRestoringTheTemplateGrid)
     for (int i = 0; i < template_.n3d; i++)
         ASSERT_EQ(template_.SpaceTime.fData[i], template_unfiltered.SpaceTime.fData[i]) << i;
     EXPECT_EQ(mosaic.icross.z, 90);
+    DisplayHooks = {};
+}
+
+TEST(ActionChangeResolution, NonlinearRunAfterwardsLaysItsGridOutOnTheReducedTemplate)
+{
+    // The grid built at start-up is for 8 x 8 x 8 voxels; after halving every axis the run of
+    // 'A' (button 2) must walk boxes of the 4 x 4 x 4 template, not past its maps.
+    start_up(8, 8, 8, 8, 8, 8, 1, 0);
+    initialize_alignment();
+    filter_image_data();
+    install_counting_hooks();
+    AlignAid.SubSampleSetting = {2, 2, 2};
+    action_change_resolution();
+    ASSERT_EQ(template_.dim.x, 4);
+    testing::internal::CaptureStdout();
+    action_auto_adjust_nonlinear(2);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.find("Programming"), std::string::npos) << out;
+    EXPECT_EQ(out.substr(out.size() - 5), "done\n");
+    for (int n = 0; n < AlignNL.NBasis; n++) {
+        ASSERT_LE(AlignNL.Index3DEnd[n].x, 4) << n;
+        ASSERT_LE(AlignNL.Index3DEnd[n].y, 4) << n;
+        ASSERT_LE(AlignNL.Index3DEnd[n].z, 4) << n;
+    }
+    DisplayHooks = {};
+}
+
+TEST(ActionChangeResolution, AStepAboveTheTemplateSizeLeavesOneVoxel)
+{
+    start_up(4, 4, 3, 4, 4, 4, 1, 0);
+    initialize_alignment();
+    filter_image_data();
+    install_counting_hooks();
+    AlignAid.SubSampleSetting = {1, 1, 6};
+    action_change_resolution();
+    EXPECT_EQ(Alignment.dimension.z, 1);
+    EXPECT_EQ(template_.dim.z, 1);
+    EXPECT_FLOAT_EQ(Alignment.resolution.z, 2.0f * 3.0f);
     DisplayHooks = {};
 }

@@ -162,6 +162,22 @@ TEST(TransformCoordinates, CoarserTemplateWidensBothKernelsToHalfWidthTwo)
     EXPECT_NEAR(at(&individual, 2, 2, 3), sum / wsum, 2e-3);
 }
 
+TEST(TransformCoordinates, TemplateVoxelsVastlyWiderThanTheIndividualsAverageTheWholeAxis)
+{
+    // x voxels of the template 1e30 times the individual's: the fast kernel's sigma (0.425e30)
+    // weighs every sample along x alike and its half-width takes in the whole axis, so each
+    // voxel is the mean of the individual's x profile 1, 2, 3, 4 (constant along y and z).
+    make_scene(4, 1.0f, 4, 1.0f);
+    for (int z = 0; z < 4; z++)
+        for (int y = 0; y < 4; y++)
+            for (int x = 0; x < 4; x++) ref(&original, x, y, z) = (float)(x + 1);
+    Alignment.resolution.x = 1e30f;
+    transform_coordinates(1, 0);
+    for (int z = 0; z < 4; z++)
+        for (int y = 0; y < 4; y++)
+            for (int x = 0; x < 4; x++) ASSERT_NEAR(at(&individual, x, y, z), 2.5f, 1e-5) << x << y << z;
+}
+
 TEST(TransformCoordinates, DisplacementMapsActLikeATranslation)
 {
     make_scene(8, 1.0f, 8, 1.0f);

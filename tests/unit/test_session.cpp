@@ -11,6 +11,7 @@
 #include "globals.h"
 #include "session.h"
 #include "test_support.h"
+#include "volume_load.h"
 #include "volume.h"
 
 namespace {
@@ -75,8 +76,10 @@ TEST(Session, OffDiagonalTemplateWarnsWithThePeriodOnTheNextLine)
     EXPECT_EQ(status, 1);
     EXPECT_EQ(out, "Error: no files for the individual subject.\n");
 
+    add_image_file(&individual_files, "ind.nii", 0, 0);
+    add_image_file(&template_files, "tpl.nii", 0, 0);
     testing::internal::CaptureStdout();
-    status = start_session("ind.nii", "tpl.nii", 0);
+    status = read_session_volumes();
     out = testing::internal::GetCapturedStdout();
     ASSERT_EQ(status, 0);
     EXPECT_NE(out.find("Method 3: affine transformation of voxel indices\n"
@@ -85,6 +88,18 @@ TEST(Session, OffDiagonalTemplateWarnsWithThePeriodOnTheNextLine)
                        ".         When applying the transformation to image data using qor,\n"),
               std::string::npos)
         << out;
+}
+
+TEST(Session, ProgramsNamingTheirFilesKeepTheTemplatesOrientationWithoutTheWarning)
+{
+    ScopedTempDir dir;
+    write_pair(1, true);
+    testing::internal::CaptureStdout();
+    int status = start_session("ind.nii", "tpl.nii", 0);
+    std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(template_unfiltered.off_diagonal, 1);
+    EXPECT_EQ(out.find("Warning"), std::string::npos) << out;
 }
 
 TEST(Session, AlignedVolumeOfTheSessionIsTheForwardApplyOfTheIndividual)

@@ -46,7 +46,8 @@ struct SideFiles : ::testing::Test {
 
 TEST_F(SideFiles, OverlayFileRejectsWeightsOutsideUnitRangeAndBadLines)
 {
-    const char *bad_weights[] = {"3 4 2 1.5\n", "3 4 2 -0.1\n"};
+    // a weight that is not a number lies in no range either
+    const char *bad_weights[] = {"3 4 2 1.5\n", "3 4 2 -0.1\n", "3 4 2 nan\n", "3 4 2 -nan\n"};
     for (const char *content : bad_weights) {
         write_text_file("b.ovl", content);
         testing::internal::CaptureStdout();
@@ -132,6 +133,34 @@ TEST_F(SideFiles, WireColourOneTakesTheListColourAndSecondFileAppends)
     write_text_file("empty.wire", "");
     EXPECT_EQ(read_wire_file("empty.wire", w, 5), 0);
     EXPECT_EQ(w->npts, 4);
+}
+
+TEST_F(SideFiles, AFullDiskKeepsTheOldOvlAndWireFiles)
+{
+    // 120 voxels of weight 0.5 ("x y z 0.5" lines, about 1 kB) and 50 control points (about
+    // 1.5 kB) on a disk of 256 bytes a file.
+    write_text_file(".ovl", "1 1 1\n");
+    write_text_file(".wire", "1.000000 2.000000 3.000000  1\n");
+    for (int i = 0; i < 6 * 5 * 4; i++) overlay_map.weight[i] = 0.5f;
+    ovl_root.npts = 6 * 5 * 4;
+    wire_root.control = (CONTROL_POINT *)calloc(50, sizeof(CONTROL_POINT));
+    wire_root.npts = 50;
+    std::string out;
+    int ovl_status, wire_status;
+    testing::internal::CaptureStdout();
+    {
+        ScopedFileSizeLimit disk(256);
+        ovl_status = write_overlay_file();
+        wire_status = write_wire_file();
+    }
+    out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(ovl_status, 1);
+    EXPECT_EQ(wire_status, 1);
+    EXPECT_EQ(out, "Error: .ovl could not be written (File too large); the previous file is kept.\n"
+                   "Error: .wire could not be written (File too large); the previous file is kept.\n");
+    EXPECT_EQ(read_text_file(".ovl"), "1 1 1\n");
+    EXPECT_EQ(read_text_file(".wire"), "1.000000 2.000000 3.000000  1\n");
+    EXPECT_EQ(leftover_temporaries(), 0);
 }
 
 using WriteRoiStats = SideFiles;

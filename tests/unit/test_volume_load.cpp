@@ -7,6 +7,7 @@
 #include <malloc.h>
 #include <random>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -256,6 +257,40 @@ TEST(ReadSpaceTimeData, MissingShortOrMisplacedDataFailsBeforeAllocating)
     EXPECT_EQ(l.out, "Error: cannot open quill file nothing.hdr.\n");
 }
 
+TEST(ReadSpaceTimeData, EachFileIsCheckedInItsTurnAndAShortOneCostsNoMemory)
+{
+    ScopedTempDir dir;
+    // p.x: 11 volumes of 100000 bytes, enough for progress lines (nt / 10 = 1: every volume);
+    // h.x promises 2000 volumes (800 MB as floats) and holds 10 bytes; c.x is the last file
+    // and gives the stack its 100000 voxels.
+    const char *uchar = "storage-type unsigned-char\n";
+    write_quill_volume("p.x", 100000, 1, 1, 11, 0, 1, {}, uchar);
+    write_binary_file("p.x", std::vector<unsigned char>(1100000, 9));
+    write_quill_volume("h.x", 100000, 1, 1, 2000, 0, 1, {}, uchar);
+    write_binary_file("h.x", std::vector<unsigned char>(10, 1));
+    write_quill_volume("c.x", 100000, 1, 1, 1, 0, 1, {}, uchar);
+    write_binary_file("c.x", std::vector<unsigned char>(100000, 2));
+    Files f({{"p.x", 0}, {"h.x", 0}, {"c.x", 0}});
+    data_stack s = empty_stack();
+    Load l = load(&s, f);
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.nfiles, 1);
+    std::string want;
+    for (int figure = 0; figure <= 100; figure += 10) want += "\rp.x: " + std::to_string(figure) + " %";
+    EXPECT_EQ(l.out, want + "\rp.x: 100 %\n" + "Error reading the data from file h.x\n");
+    ASSERT_NE(s.SpaceTime.fData, nullptr);
+    EXPECT_FLOAT_EQ(s.SpaceTime.fData[1099999], 9.0f);
+    // room for p.x's 11 volumes only, not for the 2012 volumes of the list
+    EXPECT_LT(malloc_usable_size(s.SpaceTime.fData), (size_t)12 * 100000 * sizeof(float));
+
+    // an earlier file that cannot be opened is reported first, the short one never
+    remove("p.x");
+    data_stack m = empty_stack();
+    l = load(&m, f);
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.out, "\nError: cannot open file p.x.\n");
+}
+
 TEST(ReadSpaceTimeData, GzippedNiftiReadsLikeItsPlainTwin)
 {
     ScopedTempDir dir;
@@ -296,40 +331,6 @@ TEST(ReadSpaceTimeData, GzippedNiftiReadsLikeItsPlainTwin)
     Load d = load_one(&q, "q.gz");
     ASSERT_EQ(d.result, 0) << d.out;
     EXPECT_EQ(q.SpaceTime.fData[1], -2.0f);
-}
-
-TEST(ReadSpaceTimeData, EachFileIsCheckedInItsTurnAndAShortOneCostsNoMemory)
-{
-    ScopedTempDir dir;
-    // p.x: 11 volumes of 100000 bytes, enough for progress lines (nt / 10 = 1: every volume);
-    // h.x promises 2000 volumes (800 MB as floats) and holds 10 bytes; c.x is the last file
-    // and gives the stack its 100000 voxels.
-    const char *uchar = "storage-type unsigned-char\n";
-    write_quill_volume("p.x", 100000, 1, 1, 11, 0, 1, {}, uchar);
-    write_binary_file("p.x", std::vector<unsigned char>(1100000, 9));
-    write_quill_volume("h.x", 100000, 1, 1, 2000, 0, 1, {}, uchar);
-    write_binary_file("h.x", std::vector<unsigned char>(10, 1));
-    write_quill_volume("c.x", 100000, 1, 1, 1, 0, 1, {}, uchar);
-    write_binary_file("c.x", std::vector<unsigned char>(100000, 2));
-    Files f({{"p.x", 0}, {"h.x", 0}, {"c.x", 0}});
-    data_stack s = empty_stack();
-    Load l = load(&s, f);
-    EXPECT_EQ(l.result, 1);
-    EXPECT_EQ(l.nfiles, 1);
-    std::string want;
-    for (int figure = 0; figure <= 100; figure += 10) want += "\rp.x: " + std::to_string(figure) + " %";
-    EXPECT_EQ(l.out, want + "\rp.x: 100 %\n" + "Error reading the data from file h.x\n");
-    ASSERT_NE(s.SpaceTime.fData, nullptr);
-    EXPECT_FLOAT_EQ(s.SpaceTime.fData[1099999], 9.0f);
-    // room for p.x's 11 volumes only, not for the 2012 volumes of the list
-    EXPECT_LT(malloc_usable_size(s.SpaceTime.fData), (size_t)12 * 100000 * sizeof(float));
-
-    // an earlier file that cannot be opened is reported first, the short one never
-    remove("p.x");
-    data_stack m = empty_stack();
-    l = load(&m, f);
-    EXPECT_EQ(l.result, 1);
-    EXPECT_EQ(l.out, "\nError: cannot open file p.x.\n");
 }
 
 TEST(ReadSpaceTimeData, StacksTooLargeForTheAllocatorAreRefused)
@@ -462,4 +463,51 @@ TEST(ReadSpaceTimeData, RealTemplatesAgreeWithASecondReader)
         EXPECT_GT(nonzero, 0) << name;
         free_float_vector(s.SpaceTime.fData);
     }
+}
+
+/* A header that would cost memory without data to fill it is refused before the allocation:
+   512^3 values with no storage type, a pair whose data file is missing, a FreeSurfer stack
+   missing a slice, a negative offset (which stops the program as the seek would). */
+TEST(ReadSpaceTimeData, HeadersWithoutReadableDataAllocateNothing)
+{
+    ScopedTempDir dir;
+    write_quill_header("big.dat", "x 512\ny 512\nz 512\nt 1\n");
+    write_binary_file("big.dat", std::vector<unsigned char>(16, 0));
+    data_stack s = empty_stack();
+    Load l = load_one(&s, "big.dat");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.out, "Error: no storage type is given for big.dat; its header needs a storage-type line\n"
+                     "(short, float, long, unsigned-short or unsigned-char).\n");
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+    EXPECT_EQ(s.nt, 0);
+
+    NiftiFixture f = nifti_fixture(512, 512, 512, 1, 1.0f, DT_FLOAT32);
+    write_nifti("pair.img", f, {});
+    remove("pair.img");
+    l = load_one(&s, "pair.img");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_NE(l.out.find("\nError: cannot open file pair.img.\n"), std::string::npos) << l.out;
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+    ASSERT_EQ(mkdir("dir.img", 0700), 0);
+    write_nifti("dir.hdr", f, {});
+    l = load_one(&s, "dir.img");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_NE(l.out.find("\nError: dir.img is not a regular file.\n"), std::string::npos) << l.out;
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+
+    std::vector<double> v(4 * 3 * 3, 1.0);
+    write_freesurfer_volume("fs_", 4, 3, 3, 1, 1.0f, 1.0f, 2.0f, 2, 1, v);
+    remove("fs_002.bfloat");
+    write_text_file("fs.bhdr", "cols: 4\nrows: 3\nnslices: 4000\nn_time_points: 1\nslice_thick: 1\n"
+                               "top_right_r: 4\nbottom_right_r: 4\nbottom_right_a: 3\n");
+    l = load_one(&s, "fs_");
+    EXPECT_EQ(l.result, 1);
+    EXPECT_EQ(l.out, "\nError: cannot open file fs_\n");
+    EXPECT_EQ(s.SpaceTime.fData, nullptr);
+
+    f.h.vox_offset = -1e30f;
+    write_nifti("neg.nii", f, std::vector<unsigned char>(64));
+    set_vox_offset("neg.nii", -1e30f);
+    EXPECT_EXIT(load_one(&s, "neg.nii"), testing::ExitedWithCode(1),
+                "\nError doing fseek\\(\\) to -1 in data file neg.nii\n");
 }

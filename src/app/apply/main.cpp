@@ -12,6 +12,9 @@
 
 int main(int argc, char **argv)
 {
+    /* every message line reaches a log file or a pipe as it is printed */
+    setvbuf(stdout, NULL, _IOLBF, BUFSIZ);
+
     apply_command command;
     if (parse_apply_command(argc, argv, &command) != 0) return 1;
     if (command.help) {
