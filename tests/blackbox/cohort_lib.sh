@@ -15,7 +15,8 @@ fail() {
 }
 
 # make_subjects: the template tpl.nii, two subjects with known alignments and one broken on
-# purpose (a NIfTI file cut short), and subjects.tsv (header, comment, relative names).
+# purpose (a NIfTI file cut short), and subjects.tsv (header, comment, relative names, an
+# options column that asks for the non-linear stage for rat_b only).
 # Sets want_a (the x translation that aligns subject a) and want_b (subject b's parameters).
 make_subjects() {
     want_a=$("$make_volumes" shifted-phantom 5 "$data/a.nii" "$data/tpl.nii") || fail "make_test_volumes"
@@ -25,7 +26,7 @@ make_subjects() {
     # shellcheck disable=SC2086
     "$make_volumes" moved "$data/tpl.nii" "$data/b.nii" $want_b > /dev/null || fail "make_test_volumes moved"
     head -c 2000 "$data/a.nii" > "$data/broken.nii"
-    printf 'id\tindividual\tgroup\n# the third is broken on purpose\nrat-a\ta.nii\tcontrol\nrat_b\tb.nii\tcontrol\nrat.c\tbroken.nii\tlesion\n' \
+    printf 'id\tindividual\tgroup\toptions\n# the third is broken on purpose\nrat-a\ta.nii\tcontrol\nrat_b\tb.nii\tcontrol\t--nonlinear\nrat.c\tbroken.nii\tlesion\n' \
         > "$data/subjects.tsv"
 }
 
@@ -58,6 +59,17 @@ check_cohort() {
             fail "$id: summary.json does not parse"
         [ -n "$(tsv_value "$id" similarity "$dir/report.tsv")" ] || fail "$id: no similarity in the report"
         grep -q "<img [^>]*src=\"$id/qc.png\"" "$dir/report.html" || fail "$id: no QC picture in report.html"
+    done
+    # Only rat_b ran the non-linear stage: its folded voxels are counted (none for so smooth a
+    # change), rat-a's cell stays empty; each row has its time.
+    [ -s "$dir/rat_b/distortions.nii" ] || fail "rat_b: no distortions.nii although its options ask for it"
+    [ ! -e "$dir/rat-a/distortions.nii" ] || fail "rat-a: a non-linear stage nobody asked for"
+    [ "$(tsv_value rat_b folded_voxels "$dir/report.tsv")" = 0 ] ||
+        fail "rat_b: folded voxels '$(tsv_value rat_b folded_voxels "$dir/report.tsv")', want 0"
+    [ -z "$(tsv_value rat-a folded_voxels "$dir/report.tsv")" ] || fail "rat-a: folded voxels without a non-linear stage"
+    for id in rat-a rat_b; do
+        awk -v s="$(tsv_value "$id" seconds "$dir/report.tsv")" 'BEGIN { exit !(s != "" && s + 0 > 0 && s + 0 < 600) }' ||
+            fail "$id: seconds '$(tsv_value "$id" seconds "$dir/report.tsv")'"
     done
     # Each row holds its own subject's alignment (the two differ by 2 mm in x and 4 degrees).
     near "$(tsv_value rat-a x "$dir/report.tsv")" "$want_a" 1 ||

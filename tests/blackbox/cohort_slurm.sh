@@ -7,6 +7,25 @@ here=$(cd "$(dirname "$0")" && pwd)
 . "$here/cohort_lib.sh"
 . "$here/slurm_cluster.sh"
 trap 'slurm_cluster_stop; cleanup' EXIT
+# Stopped from outside (ctest, Ctrl-C, a closed terminal): the daemons are stopped all the same.
+# align-cohort runs in the background so that a signal is handled at once, not after its run.
+child=""
+on_signal() {
+    [ -n "$child" ] && kill -TERM "$child" 2> /dev/null && wait "$child"
+    exit "$1"
+}
+trap 'on_signal 143' TERM
+trap 'on_signal 130' INT
+trap 'on_signal 129' HUP
+# cohort_run OUTPUT: runs "${run[@]}" into OUTPUT; its status is the status of align-cohort.
+cohort_run() {
+    "${run[@]}" > "$1" 2>&1 &
+    child=$!
+    wait "$child"
+    local status=$?
+    child=""
+    return "$status"
+}
 slurm_cluster_start || { echo "SKIP: $slurm_cluster_reason"; exit 77; }
 make_subjects
 out="$work/slurm out"   # the job script's #SBATCH --output must be quoted
@@ -14,7 +33,7 @@ run=("$cohort" --template "$data/tpl.nii" --subjects "$data/subjects.tsv" --out 
      --engine slurm --jobs 2 --time 20:00 --mem 1G --cpus-per-task 1)
 
 start=$(date +%s)
-"${run[@]}" > first.txt 2>&1
+cohort_run first.txt
 status=$?
 cat first.txt
 echo "array job: $(( $(date +%s) - start )) s"
@@ -33,7 +52,7 @@ check_cohort "$out"
 [ ! -e "$out/.align-cohort.lock" ] || fail "the finished run left its lock"
 
 # Again: only the failed subject is sent, as an array of one task.
-"${run[@]}" > second.txt 2>&1
+cohort_run second.txt
 status=$?
 cat second.txt
 [ "$status" = 1 ] || fail "the second run ended with status $status"
