@@ -17,19 +17,32 @@
 #include "prepare.h"
 #include "resample.h"
 #include "similarity.h"
+#include "trial_volumes.h"
 
 affine_trial_hooks AffineTrial = {transform_coordinates, cost_function};
 
-/* One trial of the current parameter values: resample, then measure. */
-static float evaluate_trial(int icost)
+/* The listed trials of the levels in progress (NULL outside them, or when tests have put other
+   trials in AffineTrial): the same resampling and similarity, restricted to the template's
+   taking-part voxels. */
+static trial_volumes *listed_trials = NULL;
+
+static void resample_trial(void)
 {
-    AffineTrial.resample(1, 0);
-    return AffineTrial.cost(icost);
+    if (listed_trials != NULL) resample_listed(listed_trials);
+    else AffineTrial.resample(1, 0);
 }
 
 static float current_cost(int icost)
 {
+    if (listed_trials != NULL) return measure_listed(listed_trials, icost);
     return AffineTrial.cost(icost);
+}
+
+/* One trial of the current parameter values: resample, then measure. */
+static float evaluate_trial(int icost)
+{
+    resample_trial();
+    return current_cost(icost);
 }
 
 static int first_allowed_parameter(void)
@@ -244,7 +257,7 @@ int adjust_affine_1pass(int icost, int ilevel)
     int first = first_allowed_parameter();
     if (first >= 0) AlignAid.iParameter = first;
 
-    AffineTrial.resample(1, 0);
+    resample_trial();
     show_alignment_info();
     refresh_display_image();
     return changed;
@@ -261,6 +274,12 @@ void auto_adjust_affine_iterations(int icost, int ilevel_max, int ilevel_min)
         update_display_set();
         show_alignment_info();
     }
+
+    /* Nothing below changes the template, the grids or the maps: the taking-part voxels are
+       listed once for all trials. */
+    int own_list = listed_trials == NULL && AffineTrial.resample == transform_coordinates &&
+                   AffineTrial.cost == cost_function;
+    if (own_list) listed_trials = begin_trial_volumes();
 
     for (int level = ilevel_max; level >= ilevel_min; level--) {
         print_parameter_set(1, level);
@@ -302,6 +321,10 @@ void auto_adjust_affine_iterations(int icost, int ilevel_max, int ilevel_min)
             relative_gain = (cost - cost_start) / cost_start;
             print_parameter_set(0, level);
         } while (relative_gain >= threshold);
+    }
+    if (own_list) {
+        end_trial_volumes(listed_trials);
+        listed_trials = NULL;
     }
 }
 

@@ -4,102 +4,28 @@
    voxel computed with the same arithmetic whatever the thread count. */
 #include "resample.h"
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 
 #include "align_model.h"
 #include "globals.h"
 #include "numerics.h"
+#include "resample_internal.h"
+#include "simd.h"
 #include "threads.h"
 
-/* (x,y,z,1) through rows 0..2 of m, each row summed in float over the four columns in order:
-   the arithmetic of apply_mat44, kept here so that the compiler can inline it. */
-static inline POINT3D apply_rows(const float m[4][4], float x, float y, float z)
+/* Voxels computed by the vector sums and by the plain arithmetic since the start. */
+static std::atomic<long long> path_counts[2];
+
+void resample_path_counts(long long *vector_sums, long long *plain_sums)
 {
-    POINT3D r;
-    float s;
-    s = 0.0f; s += x * m[0][0]; s += y * m[0][1]; s += z * m[0][2]; s += 1.0f * m[0][3]; r.x = s;
-    s = 0.0f; s += x * m[1][0]; s += y * m[1][1]; s += z * m[1][2]; s += 1.0f * m[1][3]; r.y = s;
-    s = 0.0f; s += x * m[2][0]; s += y * m[2][1]; s += z * m[2][2]; s += 1.0f * m[2][3]; r.z = s;
-    return r;
-}
-
-/* Everything a slice range needs, fixed for the whole call. */
-struct resample_setup {
-    IPOINT3D dim;          /* template grid (Alignment.dimension) */
-    IPOINT3D start, end;   /* region walked, end exclusive */
-    IPOINT3D odim;         /* individual's grid */
-    IPOINT3D wrap;         /* nonzero: that axis of the individual wraps around */
-    IPOINT3D half;         /* kernel half-widths */
-    POINT3D sigma;         /* Gaussian widths (fast kernel) */
-    int accurate;
-    const float *tpl;      /* template_ volume in use */
-    const float *src;      /* original volume in use */
-    float *dst;            /* individual volume in use */
-    const float *dx, *dy, *dz; /* displacement maps (time point 0) or NULL */
-    float ijk_to_xyz[4][4], affine[4][4], xyz_to_ijk[4][4];
-};
-
-/* The kernels of numerics.cpp, Gauss(d, 0, sigma) and Lanczos_filter(n, d), with the same
-   arithmetic, here so that the compiler can inline them into the per-voxel weight loops. */
-static inline float gauss_weight(float d, float sigma)
-{
-    double arg = (double)(d * d + 0.0f * 0.0f) * (-0.5) / sigma / sigma;
-    return (float)exp(arg);
-}
-
-static inline float lanczos_weight(int n, float d)
-{
-    if (fabs((double)d) < 0.00001) return 1.0f;
-    if (fabs((double)d / n) > 1.0) return 0.0f;
-    double px = 3.141592654 * d;
-    return (float)(n * sin(px) * sin(px / n) / (px * px));
-}
-
-/* Valid samples of one axis for one voxel: wrapped grid index and weight, in sample order. */
-struct axis_samples {
-    int count;
-    int *index;
-    float *weight;
-};
-
-static inline int wrap_once(int j, int n, int wraps)
-{
-    if (wraps) {
-        if (j < 0) j += n;
-        else if (j >= n) j -= n;
-    }
-    return j;
-}
-
-/* Fills the samples floor(v)-w .. ceil(v)+w of one axis, dropping those outside the grid
-   (after the one wrap). Weights: Lanczos_filter(w, v - j) or Gauss(v - j, 0, sigma). */
-static inline void axis_weights(axis_samples *a, float v, int n, int wraps, int w, int accurate,
-                                float sigma)
-{
-    int lo = (int)floorf(v) - w, hi = (int)ceilf(v) + w;
-    a->count = 0;
-    for (int j = lo; j <= hi; j++) {
-        int jj = wrap_once(j, n, wraps);
-        if (jj < 0 || jj >= n) continue;
-        float d = v - (float)j;
-        a->index[a->count] = jj;
-        a->weight[a->count] = accurate ? lanczos_weight(w, d) : gauss_weight(d, sigma);
-        a->count++;
-    }
+    *vector_sums = path_counts[0];
+    *plain_sums = path_counts[1];
 }
 
 /* Regions of fewer voxels are resampled on the calling thread. */
 static const long long small_region = 4096;
-
-/* Positions beyond this many voxels are treated as off the grid (also catches NaN). */
-static const float far_off_grid = 1.0e8f;
-
-/* One voxel waiting for its weighted sum: its element and its samples along x, y, z. */
-struct voxel_job {
-    size_t vox;
-    axis_samples a[3];
-};
 
 /* The weighted average of one voxel: z outer, then y, then x; weight (wz*wx)*wy in float,
    value*weight and the weights summed in double in that order. wzx: scratch of the x count. */
@@ -161,71 +87,120 @@ static inline void accumulate_pair(const resample_setup *s, const voxel_job *j0,
     s->dst[j1->vox] = wsum1 != 0.0 ? (float)(sum1 / wsum1) : 0.0f;
 }
 
-static void resample_slices(const resample_setup *s, int zfirst, int zlast)
+void resample_voxel_plain(const resample_setup *s, resample_scratch *w, size_t vox, POINT3D v)
+{
+    w->nplain++;
+    voxel_job *j = &w->job[0];
+    j->vox = vox;
+    axis_weights(&j->a[0], v.x, s->odim.x, s->wrap.x, s->half.x, s->accurate, s->sigma.x);
+    axis_weights(&j->a[1], v.y, s->odim.y, s->wrap.y, s->half.y, s->accurate, s->sigma.y);
+    axis_weights(&j->a[2], v.z, s->odim.z, s->wrap.z, s->half.z, s->accurate, s->sigma.z);
+    accumulate_one(s, j, w->wzx0);
+}
+
+/* The plain row: voxels x in [xbegin, xend) of row (y, z), one at a time, summed two at a
+   time when their sample counts agree. */
+static void resample_row_plain(const resample_setup *s, resample_scratch *w, int y, int z, int xbegin, int xend,
+                               float *listed)
+{
+    const int nx = s->dim.x, ny = s->dim.y;
+    const int onx = s->odim.x, ony = s->odim.y, onz = s->odim.z;
+    const size_t on2d = (size_t)onx * (size_t)ony;
+    const size_t row0 = (size_t)nx * ((size_t)y + (size_t)ny * (size_t)z);
+    int pending = 0;
+    for (int x = xbegin; x < xend; x++) {
+        size_t vox = row0 + (size_t)x;
+        if (listed == NULL && s->tpl[vox] == 0.0f) {
+            s->dst[vox] = 0.0f;
+            continue;
+        }
+        if (s->clear) s->dst[vox] = 0.0f;
+        POINT3D p = apply_rows(s->ijk_to_xyz, (float)x, (float)y, (float)z);
+        POINT3D q = apply_rows(s->affine, p.x, p.y, p.z);
+        if (s->dx != NULL) {
+            q.x += s->dx[vox];
+            q.y += s->dy[vox];
+            q.z += s->dz[vox];
+        }
+        POINT3D v = apply_rows(s->xyz_to_ijk, q.x, q.y, q.z);
+        if (!(fabsf(v.x) < far_off_grid && fabsf(v.y) < far_off_grid && fabsf(v.z) < far_off_grid)) continue;
+        int ix = wrap_once((int)rintf(v.x), onx, s->wrap.x);
+        int iy = wrap_once((int)rintf(v.y), ony, s->wrap.y);
+        int iz = wrap_once((int)rintf(v.z), onz, s->wrap.z);
+        if (ix < 0 || ix >= onx || iy < 0 || iy >= ony || iz < 0 || iz >= onz) continue;
+        if (s->src[(size_t)ix + (size_t)onx * (size_t)iy + on2d * (size_t)iz] == 0.0f) continue;
+
+        voxel_job *j = &w->job[pending];
+        j->vox = vox;
+        w->nplain++;
+        axis_weights(&j->a[0], v.x, onx, s->wrap.x, s->half.x, s->accurate, s->sigma.x);
+        axis_weights(&j->a[1], v.y, ony, s->wrap.y, s->half.y, s->accurate, s->sigma.y);
+        axis_weights(&j->a[2], v.z, onz, s->wrap.z, s->half.z, s->accurate, s->sigma.z);
+        if (++pending < 2) continue;
+        pending = 0;
+        voxel_job *j0 = &w->job[0], *j1 = &w->job[1];
+        if (j0->a[0].count == j1->a[0].count && j0->a[1].count == j1->a[1].count &&
+            j0->a[2].count == j1->a[2].count) {
+            accumulate_pair(s, j0, j1, w->wzx0, w->wzx1);
+        } else {
+            accumulate_one(s, j0, w->wzx0);
+            accumulate_one(s, j1, w->wzx0);
+        }
+    }
+    if (pending == 1) accumulate_one(s, &w->job[0], w->wzx0);
+    if (listed != NULL)
+        for (int x = xbegin; x < xend; x++) listed[x - xbegin] = s->dst[row0 + (size_t)x];
+}
+
+void resample_segment(const resample_setup *s, resample_scratch *w, int y, int z, int xbegin, int xend, float *listed)
+{
+    if (s->level >= SIMD_AVX512) resample_row_avx512(s, w, y, z, xbegin, xend, listed);
+    else resample_row_plain(s, w, y, z, xbegin, xend, listed);
+}
+
+void resample_scratch_alloc(const resample_setup *s, resample_scratch *w)
 {
     int maxw = s->half.x;
     if (s->half.y > maxw) maxw = s->half.y;
     if (s->half.z > maxw) maxw = s->half.z;
-    int nsamples = 2 * maxw + 2;
-    int *index = int_vector(6 * nsamples);
-    float *weight = float_vector(8 * nsamples);
-    voxel_job job[2];
+    w->nsamples = 2 * maxw + 2;
+    w->nvector = w->nplain = 0;
+    int *index = int_vector(6 * w->nsamples);
+    float *weight = float_vector(8 * w->nsamples);
     for (int j = 0; j < 2; j++)
         for (int a = 0; a < 3; a++) {
-            job[j].a[a].index = index + (3 * j + a) * nsamples;
-            job[j].a[a].weight = weight + (3 * j + a) * nsamples;
+            w->job[j].a[a].index = index + (3 * j + a) * w->nsamples;
+            w->job[j].a[a].weight = weight + (3 * j + a) * w->nsamples;
         }
-    float *wzx0 = weight + 6 * nsamples, *wzx1 = weight + 7 * nsamples;
-    int pending = 0;
+    w->wzx0 = weight + 6 * w->nsamples;
+    w->wzx1 = weight + 7 * w->nsamples;
+    int row_room = s->dim.x + 16;
+    w->job_x = s->level >= SIMD_AVX512 ? int_vector(row_room) : NULL;
+    w->job_v = s->level >= SIMD_AVX512 ? float_vector(3 * row_room) : NULL;
+    w->chunk_at = s->level >= SIMD_AVX512 ? int_vector(row_room) : NULL;
+    w->chunk_ok = s->level >= SIMD_AVX512 ? unsigned_short_vector(2 * (row_room / 16 + 1)) : NULL;
+}
 
-    const int nx = s->dim.x, ny = s->dim.y;
-    const int onx = s->odim.x, ony = s->odim.y, onz = s->odim.z;
-    const size_t on2d = (size_t)onx * (size_t)ony;
+void resample_scratch_free(resample_scratch *w)
+{
+    path_counts[0] += w->nvector;
+    path_counts[1] += w->nplain;
+    if (w->job_x != NULL) free_int_vector(w->job_x);
+    if (w->job_v != NULL) free_float_vector(w->job_v);
+    if (w->chunk_at != NULL) free_int_vector(w->chunk_at);
+    if (w->chunk_ok != NULL) free_unsigned_short_vector(w->chunk_ok);
+    free_int_vector(w->job[0].a[0].index);
+    free_float_vector(w->job[0].a[0].weight);
+}
 
-    for (int z = zfirst; z < zlast; z++)
-        for (int y = s->start.y; y < s->end.y; y++)
-            for (int x = s->start.x; x < s->end.x; x++) {
-                size_t vox = (size_t)x + (size_t)nx * ((size_t)y + (size_t)ny * (size_t)z);
-                if (s->tpl[vox] == 0.0f) {
-                    s->dst[vox] = 0.0f;
-                    continue;
-                }
-                POINT3D p = apply_rows(s->ijk_to_xyz, (float)x, (float)y, (float)z);
-                POINT3D q = apply_rows(s->affine, p.x, p.y, p.z);
-                if (s->dx != NULL) {
-                    q.x += s->dx[vox];
-                    q.y += s->dy[vox];
-                    q.z += s->dz[vox];
-                }
-                POINT3D v = apply_rows(s->xyz_to_ijk, q.x, q.y, q.z);
-                if (!(fabsf(v.x) < far_off_grid && fabsf(v.y) < far_off_grid &&
-                      fabsf(v.z) < far_off_grid))
-                    continue;
-                int ix = wrap_once((int)rintf(v.x), onx, s->wrap.x);
-                int iy = wrap_once((int)rintf(v.y), ony, s->wrap.y);
-                int iz = wrap_once((int)rintf(v.z), onz, s->wrap.z);
-                if (ix < 0 || ix >= onx || iy < 0 || iy >= ony || iz < 0 || iz >= onz) continue;
-                if (s->src[(size_t)ix + (size_t)onx * (size_t)iy + on2d * (size_t)iz] == 0.0f) continue;
-
-                voxel_job *j = &job[pending];
-                j->vox = vox;
-                axis_weights(&j->a[0], v.x, onx, s->wrap.x, s->half.x, s->accurate, s->sigma.x);
-                axis_weights(&j->a[1], v.y, ony, s->wrap.y, s->half.y, s->accurate, s->sigma.y);
-                axis_weights(&j->a[2], v.z, onz, s->wrap.z, s->half.z, s->accurate, s->sigma.z);
-                if (++pending < 2) continue;
-                pending = 0;
-                if (job[0].a[0].count == job[1].a[0].count && job[0].a[1].count == job[1].a[1].count &&
-                    job[0].a[2].count == job[1].a[2].count) {
-                    accumulate_pair(s, &job[0], &job[1], wzx0, wzx1);
-                } else {
-                    accumulate_one(s, &job[0], wzx0);
-                    accumulate_one(s, &job[1], wzx0);
-                }
-            }
-    if (pending == 1) accumulate_one(s, &job[0], wzx0);
-
-    free_int_vector(index);
-    free_float_vector(weight);
+/* Rows y in [yfirst, ylast) of every slice of the region. */
+static void resample_rows(const resample_setup *s, int yfirst, int ylast)
+{
+    resample_scratch w;
+    resample_scratch_alloc(s, &w);
+    for (int z = s->start.z; z < s->end.z; z++)
+        for (int y = yfirst; y < ylast; y++) resample_segment(s, &w, y, z, s->start.x, s->end.x, NULL);
+    resample_scratch_free(&w);
 }
 
 /* max(floor_w, floor(r)), but at most 3n + 2 for an individual axis of n voxels: a voxel is
@@ -241,6 +216,70 @@ static int kernel_half_width(float r, int floor_w, int n)
     return w > floor_w ? w : floor_w;
 }
 
+void resample_setup_init(resample_setup *s, float *target, const float affine[4][4], int clear, int most_accurate)
+{
+    s->dim = Alignment.dimension;
+    s->odim = original.dim;
+    s->wrap = Alignment.WrapAround;
+    s->accurate = most_accurate;
+    s->clear = clear;
+    s->level = simd_level();
+    int floor_w = most_accurate ? 2 : 1;
+    POINT3D r;
+    r.x = Alignment.resolution.x / original.resolution.x;
+    r.y = Alignment.resolution.y / original.resolution.y;
+    r.z = Alignment.resolution.z / original.resolution.z;
+    s->half.x = kernel_half_width(r.x, floor_w, s->odim.x);
+    s->half.y = kernel_half_width(r.y, floor_w, s->odim.y);
+    s->half.z = kernel_half_width(r.z, floor_w, s->odim.z);
+    s->sigma.x = (float)(0.425 * r.x);
+    s->sigma.y = (float)(0.425 * r.y);
+    s->sigma.z = (float)(0.425 * r.z);
+
+    size_t n3d = (size_t)s->dim.x * (size_t)s->dim.y * (size_t)s->dim.z;
+    size_t on3d = (size_t)s->odim.x * (size_t)s->odim.y * (size_t)s->odim.z;
+    s->tpl = template_.SpaceTime.fData + (size_t)iTime_Template * n3d;
+    s->src = original.SpaceTime.fData + (size_t)graph.iTime * on3d;
+    s->dst = target;
+    if (distort_x.SpaceTime.fData != NULL && distort_y.SpaceTime.fData != NULL &&
+        distort_z.SpaceTime.fData != NULL) {
+        s->dx = distort_x.SpaceTime.fData;
+        s->dy = distort_y.SpaceTime.fData;
+        s->dz = distort_z.SpaceTime.fData;
+    } else {
+        s->dx = s->dy = s->dz = NULL;
+    }
+    for (int i = 0; i < 4; i++)
+        for (int j = 0; j < 4; j++) {
+            s->ijk_to_xyz[i][j] = Alignment.ijk_to_xyz.m[i][j];
+            s->affine[i][j] = affine[i][j];
+            s->xyz_to_ijk[i][j] = Alignment.xyz_to_ijk.m[i][j];
+        }
+    s->start = {0, 0, 0};
+    s->end = s->dim;
+}
+
+void resample_region(float *target, const float affine[4][4], IPOINT3D start, IPOINT3D end, int clear,
+                     int most_accurate, int nthreads)
+{
+    resample_setup s;
+    resample_setup_init(&s, target, affine, clear, most_accurate);
+    s.start = start;
+    s.end = end;
+    int nrows = s.end.y - s.start.y;
+    if (nrows <= 0 || s.end.z <= s.start.z || s.end.x <= s.start.x) return;
+    long long nvoxels = (long long)nrows * (s.end.z - s.start.z) * (s.end.x - s.start.x);
+    const resample_setup *setup = &s;
+    if (nthreads == 1 || nvoxels < small_region) {  /* a small basis box: starting threads would cost more */
+        resample_rows(setup, s.start.y, s.end.y);
+        return;
+    }
+    parallel_ranges(nrows, [setup](int first, int last) {
+        resample_rows(setup, setup->start.y + first, setup->start.y + last);
+    });
+}
+
+
 /* Resamples original into individual on the template grid.
    all_voxels nonzero: the whole grid, after clearing the target time point; 0: only the box of
    basis AlignNL.iBasis (start inclusive, end exclusive), the rest of the target untouched.
@@ -254,60 +293,13 @@ static int kernel_half_width(float r, int floor_w, int n)
 void transform_coordinates(int all_voxels, int most_accurate)
 {
     define_affine_matrix();
-
-    resample_setup s;
-    s.dim = Alignment.dimension;
-    s.odim = original.dim;
-    s.wrap = Alignment.WrapAround;
-    s.accurate = most_accurate;
-    int floor_w = most_accurate ? 2 : 1;
-    POINT3D r;
-    r.x = Alignment.resolution.x / original.resolution.x;
-    r.y = Alignment.resolution.y / original.resolution.y;
-    r.z = Alignment.resolution.z / original.resolution.z;
-    s.half.x = kernel_half_width(r.x, floor_w, s.odim.x);
-    s.half.y = kernel_half_width(r.y, floor_w, s.odim.y);
-    s.half.z = kernel_half_width(r.z, floor_w, s.odim.z);
-    s.sigma.x = (float)(0.425 * r.x);
-    s.sigma.y = (float)(0.425 * r.y);
-    s.sigma.z = (float)(0.425 * r.z);
-
-    size_t n3d = (size_t)s.dim.x * (size_t)s.dim.y * (size_t)s.dim.z;
-    size_t on3d = (size_t)s.odim.x * (size_t)s.odim.y * (size_t)s.odim.z;
-    s.tpl = template_.SpaceTime.fData + (size_t)iTime_Template * n3d;
-    s.src = original.SpaceTime.fData + (size_t)graph.iTime * on3d;
-    s.dst = individual.SpaceTime.fData + (size_t)graph.iTime * n3d;
-    if (distort_x.SpaceTime.fData != NULL && distort_y.SpaceTime.fData != NULL &&
-        distort_z.SpaceTime.fData != NULL) {
-        s.dx = distort_x.SpaceTime.fData;
-        s.dy = distort_y.SpaceTime.fData;
-        s.dz = distort_z.SpaceTime.fData;
-    } else {
-        s.dx = s.dy = s.dz = NULL;
-    }
-    for (int i = 0; i < 4; i++)
-        for (int j = 0; j < 4; j++) {
-            s.ijk_to_xyz[i][j] = Alignment.ijk_to_xyz.m[i][j];
-            s.affine[i][j] = Alignment.Affine[i][j];
-            s.xyz_to_ijk[i][j] = Alignment.xyz_to_ijk.m[i][j];
-        }
-
+    size_t n3d = (size_t)Alignment.dimension.x * (size_t)Alignment.dimension.y * (size_t)Alignment.dimension.z;
+    float *dst = individual.SpaceTime.fData + (size_t)graph.iTime * n3d;
     if (all_voxels) {
-        s.start = {0, 0, 0};
-        s.end = s.dim;
-        memset(s.dst, 0, sizeof(float) * n3d);
+        IPOINT3D origin = {0, 0, 0};
+        resample_region(dst, Alignment.Affine, origin, Alignment.dimension, 1, most_accurate, 0);
     } else {
-        s.start = AlignNL.Index3DStart[AlignNL.iBasis];
-        s.end = AlignNL.Index3DEnd[AlignNL.iBasis];
+        resample_region(dst, Alignment.Affine, AlignNL.Index3DStart[AlignNL.iBasis],
+                        AlignNL.Index3DEnd[AlignNL.iBasis], 0, most_accurate, 0);
     }
-    int nslices = s.end.z - s.start.z;
-    long long nvoxels = (long long)nslices * (s.end.y - s.start.y) * (s.end.x - s.start.x);
-    const resample_setup *setup = &s;
-    if (nvoxels < small_region) {  /* a small basis box: starting threads would cost more */
-        resample_slices(setup, s.start.z, s.end.z);
-        return;
-    }
-    parallel_ranges(nslices, [setup](int first, int last) {
-        resample_slices(setup, setup->start.z + first, setup->start.z + last);
-    });
 }

@@ -2,10 +2,11 @@
    template's nonzero voxels: mutual information on a 50 x 50 joint histogram, or a normalized
    correlation. Reads only; no globals written. No X11.
    The float sums run in voxel order (x fastest, then y, z): their rounding is part of the
-   result, so they are not split over threads; only order-free walks are. */
+   result, so they run on one thread, one value after the other. The range and the histogram
+   counts do not depend on the order of the voxels (exact integer counts; comparisons that keep
+   the extreme value), so those walks are vectorised and shared out over threads. */
 #include "similarity.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <mutex>
@@ -13,9 +14,9 @@
 
 #include "globals.h"
 #include "numerics.h"
+#include "similarity_internal.h"
+#include "simd.h"
 #include "threads.h"
-
-#define NBINS 50
 
 /* The two volumes compared and the size of their common grid. */
 static void compared_volumes(const float **tpl, const float **ind, size_t *n3d)
@@ -23,6 +24,36 @@ static void compared_volumes(const float **tpl, const float **ind, size_t *n3d)
     *n3d = (size_t)template_.dim.x * (size_t)template_.dim.y * (size_t)template_.dim.z;
     *tpl = template_.SpaceTime.fData + (size_t)iTime_Template * *n3d;
     *ind = individual.SpaceTime.fData + (size_t)graph.iTime * *n3d;
+}
+
+/* The walk in voxel order: float sums, count, and the smallest and largest values that are not
+   NaN. */
+static void taking_part_sums_plain(const float *tpl, const float *ind, size_t n, taking_part_sums *r)
+{
+    float sum_i = 0.0f, sum_t = 0.0f;
+    int count = 0;
+    r->min_i = r->min_t = INFINITY;
+    r->max_i = r->max_t = -INFINITY;
+    for (size_t v = 0; v < n; v++) {
+        if (tpl[v] == 0.0f) continue;
+        float i = ind[v], t = tpl[v];
+        sum_i += i;
+        sum_t += t;
+        count++;
+        if (i < r->min_i) r->min_i = i;
+        if (i > r->max_i) r->max_i = i;
+        if (t < r->min_t) r->min_t = t;
+        if (t > r->max_t) r->max_t = t;
+    }
+    r->sum_i = sum_i;
+    r->sum_t = sum_t;
+    r->count = count;
+}
+
+static void taking_part_walk(const float *tpl, const float *ind, size_t n, taking_part_sums *r)
+{
+    if (simd_level() >= SIMD_AVX512) taking_part_sums_avx512(tpl, ind, n, r);
+    else taking_part_sums_plain(tpl, ind, n, r);
 }
 
 /* Averages of individual and template over the voxels whose template value is not 0 (NaN
@@ -33,122 +64,85 @@ void calculate_volume_averages(float *av_individual, float *av_template)
     const float *tpl, *ind;
     size_t n3d;
     compared_volumes(&tpl, &ind, &n3d);
-    float sum_i = 0.0f, sum_t = 0.0f;
-    int count = 0;
-    for (size_t v = 0; v < n3d; v++) {
-        if (tpl[v] == 0.0f) continue;
-        sum_i += ind[v];
-        sum_t += tpl[v];
-        count++;
-    }
-    *av_individual = sum_i / (float)count;
-    *av_template = sum_t / (float)count;
+    taking_part_sums r;
+    taking_part_walk(tpl, ind, n3d, &r);
+    *av_individual = r.sum_i / (float)r.count;
+    *av_template = r.sum_t / (float)r.count;
 }
 
-/* Bin of a scaled value: (v - min) * 50 / (max - min) in float, 49 above 49, else truncated.
-   An undefined value (NaN, from a NaN voxel or an empty range) goes to bin 0 so that it
-   stays inside the histogram. */
-static inline int mi_bin(float v, float vmin, float vmax)
+/* Splits [0, n3d) into ranges of whole slices over threads and calls f(first, last, joint)
+   with a zeroed joint histogram of its own for each; returns the sum of the histograms. */
+template <class F> static std::vector<long long> joint_over_ranges(size_t n3d, size_t n2d, F f)
 {
-    float b = (v - vmin) * (float)NBINS / (vmax - vmin);
-    if (b > (float)(NBINS - 1)) return NBINS - 1;
-    if (!(b >= 0.0f)) return 0;
-    return (int)b;
-}
-
-/* What one range of voxels contributes to the mutual information: the smallest and largest
-   scaled value (found with the same comparisons, in the same order, as one sequential walk)
-   and exact integer counts of the histograms. */
-struct mi_part {
-    size_t first;
-    float vmin, vmax;
-    int *counts; /* NBINS individual, NBINS template, NBINS*NBINS joint */
-    int number_voxels;
-};
-
-/* Splits [0, n3d) into ranges of whole slices over threads and calls f(part, first, last) for
-   each range [first, last) of voxels; the parts come back sorted by their first voxel. */
-template <class F> static std::vector<mi_part> over_ranges(size_t n3d, size_t n2d, F f)
-{
-    std::vector<mi_part> parts;
+    const int nb = NBINS * NBINS;
+    std::vector<long long> total(nb, 0);
     std::mutex lock;
     int nslices = n2d == 0 ? 0 : (int)(n3d / n2d);
     parallel_ranges(nslices, [&](int zfirst, int zlast) {
-        mi_part part = {(size_t)zfirst * n2d, 1e10f, 0.0f, NULL, 0};
-        f(&part, (size_t)zfirst * n2d, (size_t)zlast * n2d);
+        std::vector<long long> part(nb, 0);
+        f((size_t)zfirst * n2d, (size_t)zlast * n2d, part.data());
         std::lock_guard<std::mutex> hold(lock);
-        parts.push_back(part);
+        for (int b = 0; b < nb; b++) total[b] += part[b];
     });
-    std::sort(parts.begin(), parts.end(), [](const mi_part &x, const mi_part &y) { return x.first < y.first; });
-    return parts;
+    return total;
 }
 
 /* A float count that was raised by 1.0f n times: exact up to 2^24, where it stops growing. */
-static inline float float_count(int n) { return n < 16777216 ? (float)n : 16777216.0f; }
+static inline float float_count(long long n) { return n < 16777216 ? (float)n : 16777216.0f; }
 
-/* Mutual information of individual and template scaled by their averages. The averages are a
-   float sum and stay sequential; the range and the histogram counts do not depend on the
-   order of the voxels (strict comparisons merged in voxel order keep the first extreme, and
-   integer counts are exact), so those two walks are shared out over threads.
-   Deliberate: an individual average of 0 is replaced by 1, the template's is not guarded.
-   Pinned by CostFunction.ZeroIndividualAverageScalesByOne. */
-static float mutual_information_affine(const float *tpl, const float *ind, size_t n3d, size_t n2d)
+/* The common range of the scaled values: min from 1e10 and max from 0, over the taking-part
+   voxels' i = ind / av_i and t = tpl / av_t, with the strict comparisons of the plain walk.
+   An average that is 0, not finite or NaN takes the plain walk. */
+int scaled_range_of_extremes(const taking_part_sums &r, float av_i, float av_t, float *vmin, float *vmax)
 {
-    float av_individual, av_template;
-    calculate_volume_averages(&av_individual, &av_template);
-    if (av_individual == 0.0f) av_individual = 1.0f;
+    if (!(std::isfinite(av_i) && av_i != 0.0f && std::isfinite(av_t) && av_t != 0.0f)) return 0;
+    float cand[4] = {(av_i > 0.0f ? r.min_i : r.max_i) / av_i, (av_t > 0.0f ? r.min_t : r.max_t) / av_t,
+                     (av_i > 0.0f ? r.max_i : r.min_i) / av_i, (av_t > 0.0f ? r.max_t : r.min_t) / av_t};
+    float lo = 1e10f, hi = 0.0f;
+    for (int k = 0; k < 2; k++)
+        if (cand[k] < lo) lo = cand[k];
+    for (int k = 2; k < 4; k++)
+        if (cand[k] > hi) hi = cand[k];
+    *vmin = lo;
+    *vmax = hi;
+    return 1;
+}
 
-    std::vector<mi_part> ranges = over_ranges(n3d, n2d, [&](mi_part *part, size_t first, size_t last) {
-        float vmin = 1e10f, vmax = 0.0f;
-        for (size_t v = first; v < last; v++) {
+static void scaled_range(const float *tpl, const float *ind, size_t n3d, const taking_part_sums &r, float av_i,
+                         float av_t, float *vmin, float *vmax)
+{
+    if (scaled_range_of_extremes(r, av_i, av_t, vmin, vmax)) return;
+    float lo = 1e10f, hi = 0.0f;
+    {
+        for (size_t v = 0; v < n3d; v++) {
             if (tpl[v] == 0.0f) continue;
-            float i = ind[v] / av_individual, t = tpl[v] / av_template;
-            if (i < vmin) vmin = i;
-            if (t < vmin) vmin = t;
-            if (i > vmax) vmax = i;
-            if (t > vmax) vmax = t;
+            float i = ind[v] / av_i, t = tpl[v] / av_t;
+            if (i < lo) lo = i;
+            if (t < lo) lo = t;
+            if (i > hi) hi = i;
+            if (t > hi) hi = t;
         }
-        part->vmin = vmin;
-        part->vmax = vmax;
-    });
-    float vmin = 1e10f, vmax = 0.0f;
-    for (const mi_part &part : ranges) {
-        if (part.vmin < vmin) vmin = part.vmin;
-        if (part.vmax > vmax) vmax = part.vmax;
     }
+    *vmin = lo;
+    *vmax = hi;
+}
 
-    const int ncounts = 2 * NBINS + NBINS * NBINS;
-    std::vector<mi_part> parts = over_ranges(n3d, n2d, [&](mi_part *part, size_t first, size_t last) {
-        int *c = int_vector(ncounts);
-        memset(c, 0, sizeof(int) * ncounts);
-        int *count_I = c, *count_T = c + NBINS, *count_IT = c + 2 * NBINS;
-        int n = 0;
-        for (size_t v = first; v < last; v++) {
-            if (tpl[v] == 0.0f) continue;
-            int bi = mi_bin(ind[v] / av_individual, vmin, vmax);
-            int bt = mi_bin(tpl[v] / av_template, vmin, vmax);
-            count_I[bi]++;
-            count_T[bt]++;
-            count_IT[bi * NBINS + bt]++;
-            n++;
-        }
-        part->counts = c;
-        part->number_voxels = n;
-    });
-    std::vector<long long> total(ncounts, 0);
-    int number_voxels = 0;
-    for (mi_part &part : parts) {
-        for (int k = 0; k < ncounts; k++) total[k] += part.counts[k];
-        number_voxels += part.number_voxels;
-        free_int_vector(part.counts);
-    }
+float mutual_information_of_joint(const long long *joint)
+{
     float prob_I[NBINS], prob_T[NBINS], prob_IT[NBINS][NBINS];
+    long long number_voxels = 0;
     for (int a = 0; a < NBINS; a++) {
-        prob_I[a] = float_count((int)total[a]);
-        prob_T[a] = float_count((int)total[NBINS + a]);
-        for (int b = 0; b < NBINS; b++) prob_IT[a][b] = float_count((int)total[2 * NBINS + a * NBINS + b]);
+        long long row = 0, column = 0;
+        for (int b = 0; b < NBINS; b++) {
+            row += joint[a * NBINS + b];
+            column += joint[b * NBINS + a];
+            prob_IT[a][b] = float_count(joint[a * NBINS + b]);
+        }
+        prob_I[a] = float_count(row);
+        prob_T[a] = float_count(column);
+        number_voxels += row;
     }
-    float count = (float)number_voxels;
+    float count = (float)(int)number_voxels;
     for (int a = 0; a < NBINS; a++) {
         prob_I[a] /= count;
         prob_T[a] /= count;
@@ -165,6 +159,38 @@ static float mutual_information_affine(const float *tpl, const float *ind, size_
     return mi;
 }
 
+
+/* Mutual information of individual and template scaled by their averages: one walk in voxel
+   order for the averages and the raw extremes, the range from those, then the joint histogram
+   over threads; the marginal histograms are its row and column sums.
+   Deliberate: an individual average of 0 is replaced by 1, the template's is not guarded.
+   Pinned by CostFunction.ZeroIndividualAverageScalesByOne. */
+static float mutual_information_affine(const float *tpl, const float *ind, size_t n3d, size_t n2d)
+{
+    taking_part_sums r;
+    taking_part_walk(tpl, ind, n3d, &r);
+    float av_individual = r.sum_i / (float)r.count, av_template = r.sum_t / (float)r.count;
+    if (av_individual == 0.0f) av_individual = 1.0f;
+
+    float vmin, vmax;
+    scaled_range(tpl, ind, n3d, r, av_individual, av_template, &vmin, &vmax);
+
+    int vector = simd_level() >= SIMD_AVX512;
+    std::vector<long long> joint = joint_over_ranges(n3d, n2d, [&](size_t first, size_t last, long long *c) {
+        if (vector) {
+            joint_counts_avx512(tpl, ind, first, last, av_individual, av_template, vmin, vmax, c);
+            return;
+        }
+        for (size_t v = first; v < last; v++) {
+            if (tpl[v] == 0.0f) continue;
+            int bi = mi_bin(ind[v] / av_individual, vmin, vmax);
+            int bt = mi_bin(tpl[v] / av_template, vmin, vmax);
+            c[bi * NBINS + bt]++;
+        }
+    });
+    return mutual_information_of_joint(joint.data());
+}
+
 /* (sum I*T / sqrt(sum I^2)) / sqrt(sum T^2) / n over the taking-part voxels, raw values, float
    sums. Deliberate: no centring, and the quotient is divided once more by the voxel count n
    (the optimizer's thresholds are relative changes of this number).
@@ -172,14 +198,23 @@ static float mutual_information_affine(const float *tpl, const float *ind, size_
 static float normalized_correlation(const float *tpl, const float *ind, size_t n3d)
 {
     float sum_ii = 0.0f, sum_tt = 0.0f, sum_it = 0.0f, n = 0.0f;
-    for (size_t v = 0; v < n3d; v++) {
-        float t = tpl[v];
-        if (t == 0.0f) continue;
-        float i = ind[v];
-        sum_ii += i * i;
-        sum_tt += t * t;
-        sum_it += i * t;
-        n += 1.0f;
+    if (simd_level() >= SIMD_AVX512) {
+        float sums[4];
+        correlation_sums_avx512(tpl, ind, n3d, sums);
+        sum_ii = sums[0];
+        sum_tt = sums[1];
+        sum_it = sums[2];
+        n = sums[3];
+    } else {
+        for (size_t v = 0; v < n3d; v++) {
+            float t = tpl[v];
+            if (t == 0.0f) continue;
+            float i = ind[v];
+            sum_ii += i * i;
+            sum_tt += t * t;
+            sum_it += i * t;
+            n += 1.0f;
+        }
     }
     return (float)(((double)sum_it / sqrt((double)sum_ii)) / sqrt((double)sum_tt) / (double)n);
 }

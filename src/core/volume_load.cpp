@@ -112,6 +112,24 @@ static void report_short_data(const file_list *node)
         printf("Error reading the data from file %s\n", node->file_name);
 }
 
+/* The first problem of a FreeSurfer stack's slice files, looked at in order. */
+enum { SLICES_OK, SLICE_MISSING, SLICE_NOT_REGULAR, SLICE_SHORT };
+static int first_slice_problem(const file_list *node)
+{
+    const QL_HEADER *h = &node->header;
+    int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
+    long long need = (long long)node->nt * h->n2d * bytes;
+    for (int z = 0; z < h->dim.z; z++) {
+        char slice[1024];
+        struct stat st;
+        slice_file_name(slice, node->file_name, z, h->storage_type);
+        if (stat(slice, &st) != 0) return SLICE_MISSING;
+        if (!S_ISREG(st.st_mode)) return SLICE_NOT_REGULAR;
+        if ((long long)st.st_size < need) return SLICE_SHORT;
+    }
+    return SLICES_OK;
+}
+
 /* 1 when a data file of the list holds fewer bytes than its header promises for its volumes
    of the stack (every slice file, in order, for a FreeSurfer stack). 0 when it holds them, or
    when a file cannot be looked at or has no storage to read: the read then reports that in
@@ -120,17 +138,7 @@ static int data_file_is_short(const data_stack *stack1, const file_list *node)
 {
     const QL_HEADER *h = &node->header;
     long long size;
-    if (h->file_type == FILE_FREESURFER) {
-        int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
-        long long need = (long long)node->nt * h->n2d * bytes;
-        for (int z = 0; z < h->dim.z; z++) {
-            char slice[1024];
-            slice_file_name(slice, node->file_name, z, h->storage_type);
-            if (!file_size(slice, &size)) return 0;
-            if (size < need) return 1;
-        }
-        return 0;
-    }
+    if (h->file_type == FILE_FREESURFER) return first_slice_problem(node) == SLICE_SHORT;
     int bytes = storage_bytes(h->storage_type);
     if (bytes == 0 || !file_size(node->file_name, &size)) return 0;
     double offset = (double)h->voxel_offset;
@@ -149,14 +157,7 @@ static int data_file_is_unusable(const data_stack *stack1, const file_list *node
     const QL_HEADER *h = &node->header;
     long long size;
     if (data_file_is_short(stack1, node)) return 1;
-    if (h->file_type == FILE_FREESURFER) {
-        for (int z = 0; z < h->dim.z; z++) {
-            char slice[1024];
-            slice_file_name(slice, node->file_name, z, h->storage_type);
-            if (!file_size(slice, &size)) return 1;
-        }
-        return 0;
-    }
+    if (h->file_type == FILE_FREESURFER) return first_slice_problem(node) != SLICES_OK;
     return !file_size(node->file_name, &size) || h->voxel_offset < 0.0f;
 }
 
@@ -170,18 +171,10 @@ static void report_unusable(const file_list *node)
     const QL_HEADER *h = &node->header;
     struct stat st;
     if (h->file_type == FILE_FREESURFER) {
-        int bytes = h->storage_type == FILE_BSHORT ? 2 : 4;
-        long long need = (long long)node->nt * h->n2d * bytes;
-        for (int z = 0; z < h->dim.z; z++) {
-            char slice[1024];
-            slice_file_name(slice, node->file_name, z, h->storage_type);
-            if (stat(slice, &st) != 0) {
-                printf("\nError: cannot open file %s\n", node->file_name);
-                return;
-            }
-            if (!S_ISREG(st.st_mode) || (long long)st.st_size < need) break;
-        }
-        report_short_data(node);
+        if (first_slice_problem(node) == SLICE_MISSING)
+            printf("\nError: cannot open file %s\n", node->file_name);
+        else
+            report_short_data(node);
         return;
     }
     if (stat(node->file_name, &st) != 0) {

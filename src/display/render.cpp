@@ -366,6 +366,57 @@ void prepare_image_display(void)
 
 static int clamp_index(int v, int n) { return v < 0 ? 0 : (v >= n ? n - 1 : v); }
 
+/* What a plain pixel needs: one voxel of magnitude data, no activation map, no crosshair of
+   style 1, and an activation test that fails for a map value of 0. Such a pixel is the grey of
+   its voxel, as image_pixel makes it; the others go through interpolate_2d. */
+struct grey_path {
+    int on;
+    const float *data;
+    const float *ovl_weight;
+    IPOINT3D dim;
+};
+
+static grey_path plain_pixels(void)
+{
+    grey_path g = {0, NULL, overlay_map.weight, mosaic.stack->dim};
+    Activation *a = &mosaic.activation;
+    float low = get_activation_threshold(-1);
+    int activated_at_zero = a->visible && (a->color_scheme == 0 ? 0.0f > low : (a->color_scheme < 0 ? -0.0f > low : 0.0f > low));
+    g.on = mosaic.stack->data_type == 0 && a->imap == 0 && mosaic.display_crosshairs != 1 && !activated_at_zero;
+    g.data = mosaic.fSpaceMatrix;
+    return g;
+}
+
+/* image_pixel's grey of a value that the neighbourhood summed as 0 + 1 * v. */
+static inline unsigned int grey_pixel(float v)
+{
+    float data = 0.0f + 1.0f * v;
+    int g = safe_trunc(image_scale_slope * data + image_scale_offset, 0, 255);
+    if (data < image_scale_min) g = 0;
+    if (data > image_scale_max) g = 255;
+    return (unsigned int)g * 65793u;
+}
+
+/* One row of a plane's pixels: the neighbourhoods nb[0 .. n-1] of plane kind which_slice at
+   slice `slice`, into out[0 .. n-1]. */
+static void plane_row(const grey_path &g, const Neighborhood *nb, int n, int which_slice, int slice,
+                      unsigned int *out)
+{
+    for (int jx = 0; jx < n; jx++) {
+        const Neighborhood *e = &nb[jx];
+        if (g.on && e->number == 1) {
+            IPOINT3D p = plane_voxel(which_slice, e->address[0].x, e->address[0].y, slice);
+            int index = (p.z * g.dim.y + p.y) * g.dim.x + p.x;
+            if ((unsigned)index < (unsigned)(g.dim.x * g.dim.y * g.dim.z) &&
+                (g.ovl_weight == NULL || g.ovl_weight[index] == 0.0f)) {
+                out[jx] = grey_pixel(g.data[index]);
+                continue;
+            }
+        }
+        out[jx] = (unsigned int)interpolate_2d(e, which_slice, slice);
+    }
+}
+
 void make_mosaic_images(unsigned int *pixels)
 {
     int W = mosaic.ImageRegionPixels.x, H = mosaic.ImageRegionPixels.y;
@@ -386,20 +437,20 @@ void make_mosaic_images(unsigned int *pixels)
     for (int k = 0; k < nslices; k++)
         if (mosaic.display_slice == NULL || mosaic.display_slice[k]) panel_slice[npanels++] = k;
 
+    const grey_path g = plain_pixels();
     int step_x = size.x + zoom, step_y = size.y + zoom;
     parallel_ranges(H, [&](int first, int last) {
         for (int py = first; py < last; py++) {
             unsigned int *row_out = pixels + (size_t)py * W;
+            memset(row_out, 0, sizeof(unsigned int) * (size_t)W);
             int r = py / step_y, jy = py - r * step_y - zoom;
-            for (int px = 0; px < W; px++) {
-                int c = px / step_x, jx = px - c * step_x - zoom;
-                int panel = r * cols + c;
-                if (nb == NULL || jy < 0 || jy >= size.y || jx < 0 || jx >= size.x || c >= cols ||
-                    r >= rows || panel >= npanels) {
-                    row_out[px] = 0;
-                    continue;
-                }
-                row_out[px] = (unsigned int)interpolate_2d(&nb[(size_t)jy * size.x + jx], o, panel_slice[panel]);
+            if (nb == NULL || jy < 0 || jy >= size.y || r >= rows) continue;
+            /* each panel of the row: its pixels from x = c * step_x + zoom on */
+            for (int c = 0; c < cols; c++) {
+                int panel = r * cols + c, x0 = c * step_x + zoom;
+                if (panel >= npanels || x0 >= W) break;
+                int n = size.x < W - x0 ? size.x : W - x0;
+                plane_row(g, &nb[(size_t)jy * size.x], n, o, panel_slice[panel], row_out + x0);
             }
         }
     });
@@ -422,15 +473,16 @@ void make_orthogonal_images(unsigned int *pixels)
         {right_kind, (D.x + 2) * zoom, right_kind == 1 ? zoom : (D.y + 2) * zoom, c.x,
          neighborhood_size(right_kind), right_kind == 1 ? mosaic.NeighborsZY : mosaic.NeighborsYZ},
     };
+    const grey_path g = plain_pixels();
     parallel_ranges(H, [&](int first, int last) {
         for (int py = first; py < last; py++) {
             unsigned int *row_out = pixels + (size_t)py * W;
-            for (int px = 0; px < W; px++) row_out[px] = 0;
+            memset(row_out, 0, sizeof(unsigned int) * (size_t)W);
             for (const plane &p : planes) {
                 int jy = py - p.y0;
-                if (p.nb == NULL || jy < 0 || jy >= p.size.y) continue;
-                for (int jx = 0; jx < p.size.x && p.x0 + jx < W; jx++)
-                    row_out[p.x0 + jx] = (unsigned int)interpolate_2d(&p.nb[(size_t)jy * p.size.x + jx], p.kind, p.slice);
+                if (p.nb == NULL || jy < 0 || jy >= p.size.y || p.x0 >= W) continue;
+                int n = p.size.x < W - p.x0 ? p.size.x : W - p.x0;
+                plane_row(g, &p.nb[(size_t)jy * p.size.x], n, p.kind, p.slice, row_out + p.x0);
             }
         }
     });

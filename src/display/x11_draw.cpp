@@ -180,17 +180,36 @@ void show_on_info_line_x11(const char *a, const char *b, const char *c)
 
 /* ---- image area ---- */
 
-static void put_pixels(const unsigned int *pixels)
+/* The image area's pixels as the XImage wants them: rendered straight into its data when it
+   holds 32-bit pixels in this machine's byte order, row after row; else into a buffer kept from
+   one redraw to the next and copied pixel by pixel. */
+static int image_holds_native_pixels(const XImage *im, int W)
+{
+    static const unsigned int probe = 1;
+    int native_lsb = *(const unsigned char *)&probe == 1;
+    return im->bits_per_pixel == 32 && (im->byte_order == LSBFirst) == native_lsb && im->bytes_per_line == 4 * W &&
+           im->width >= W && im->height >= mosaic.ImageRegionPixels.y;
+}
+
+static void render_and_put_pixels(void)
 {
     XImage *im = XImage_background;
     int W = mosaic.ImageRegionPixels.x, H = mosaic.ImageRegionPixels.y;
-    static const unsigned int probe = 1;
-    int native_lsb = *(const unsigned char *)&probe == 1;
-    if (im->bits_per_pixel == 32 && (im->byte_order == LSBFirst) == native_lsb) {
-        for (int y = 0; y < H; y++) memcpy(im->data + (size_t)y * im->bytes_per_line, pixels + (size_t)y * W, (size_t)W * 4);
+    if (image_holds_native_pixels(im, W)) {
+        render_image_area((unsigned int *)(void *)im->data);
     } else {
-        for (int y = 0; y < H; y++)
-            for (int x = 0; x < W; x++) XPutPixel(im, x, y, pixels[(size_t)y * W + x]);
+        static unsigned int *pixels = NULL;
+        static size_t room = 0;
+        size_t n = (size_t)(W > 0 ? W : 1) * (size_t)(H > 0 ? H : 1);
+        if (n > room) {
+            free(pixels);
+            pixels = (unsigned int *)malloc(sizeof(unsigned int) * n);
+            if (pixels == NULL) alloc_error("allocation failure in build_image_display()");
+            room = n;
+        }
+        render_image_area(pixels);
+        for (int y = 0; y < H && y < im->height; y++)
+            for (int x = 0; x < W && x < im->width; x++) XPutPixel(im, x, y, pixels[(size_t)y * W + x]);
     }
     XPutImage(XServerDisplay, XPixmap_image, XGC_image, im, 0, 0, 0, 30, (unsigned)W, (unsigned)H);
 }
@@ -231,11 +250,7 @@ void build_image_display_x11(int show_info_line)
     if (!window_ready() || mosaic.stack == NULL || mosaic.fSpaceMatrix == NULL) return;
     int W = mosaic.ImageRegionPixels.x, H = mosaic.ImageRegionPixels.y;
     prepare_image_display();
-    unsigned int *pixels = (unsigned int *)malloc(sizeof(unsigned int) * (size_t)(W > 0 ? W : 1) * (size_t)(H > 0 ? H : 1));
-    if (pixels == NULL) alloc_error("allocation failure in build_image_display()");
-    render_image_area(pixels);
-    put_pixels(pixels);
-    free(pixels);
+    render_and_put_pixels();
     if (mosaic.display_crosshairs == 2 && graph.type != 0 && graph.type != 1 && graph.type != 2) draw_crosshairs();
     if (wire_root.npts > 0 || wire_root.next != NULL) draw_wire_frames();
     if (mosaic.nx_ColorBar > 0 && XImage_colorbar != NULL) {

@@ -315,6 +315,96 @@ TEST(MakeMosaicImages, OneThreadAndSeveralGiveTheSamePixels)
     free_stack(&image_stack);
 }
 
+/* Every pixel of the mosaic and of the three planes against interpolate_2d on its own
+   neighbourhood (the general pixel), also where overlay weights, a crosshair of style 1 or an
+   activation test that passes at 0 make the plain grey pixel wrong. */
+static void expect_general_pixels(const char *what)
+{
+    prepare_image_display();
+    size_t W = (size_t)mosaic.ImageRegionPixels.x, H = (size_t)mosaic.ImageRegionPixels.y;
+    std::vector<unsigned int> px(W * H);
+    render_image_area(px.data());
+    int kinds[3] = {0, 2, mosaic.display_ortho_ZY ? 1 : 3}, checked = 0, wrong = 0;
+    int zoom = mosaic.zoom > 1 ? mosaic.zoom : 1;
+    if (mosaic.display_3orthogonal) {
+        IPOINT3D D = mosaic.PixelDim, c = mosaic.icross;
+        for (int kind : kinds) {
+            const Neighborhood *nb = kind == 0 ? mosaic.NeighborsXY
+                                             : (kind == 2 ? mosaic.NeighborsXZ : (kind == 1 ? mosaic.NeighborsZY : mosaic.NeighborsYZ));
+            IPOINT2D size = neighborhood_size(kind);
+            int x0 = kind == 0 || kind == 2 ? zoom : (D.x + 2) * zoom;
+            int y0 = kind == 0 || kind == 1 ? zoom : (D.y + 2) * zoom;
+            int slice = kind == 0 ? c.z : (kind == 2 ? c.y : c.x);
+            for (int jy = 0; jy < size.y; jy++)
+                for (int jx = 0; jx < size.x; jx++) {
+                    unsigned int want = (unsigned int)interpolate_2d(&nb[(size_t)jy * size.x + jx], kind, slice);
+                    wrong += px[(size_t)(y0 + jy) * W + (size_t)(x0 + jx)] != want;
+                    checked++;
+                }
+        }
+    } else {
+        const Neighborhood *nb = mosaic.NeighborsXY;
+        IPOINT2D size = neighborhood_size(0);
+        for (int panel = 0; panel < mosaic.DimPanels.z; panel++) {
+            int x0 = (panel % mosaic.DimPanels.x) * (size.x + zoom) + zoom;
+            int y0 = (panel / mosaic.DimPanels.x) * (size.y + zoom) + zoom;
+            for (int jy = 0; jy < size.y; jy++)
+                for (int jx = 0; jx < size.x; jx++) {
+                    unsigned int want = (unsigned int)interpolate_2d(&nb[(size_t)jy * size.x + jx], 0, panel);
+                    wrong += px[(size_t)(y0 + jy) * W + (size_t)(x0 + jx)] != want;
+                    checked++;
+                }
+        }
+    }
+    EXPECT_EQ(wrong, 0) << what << ": " << checked << " pixels checked";
+    EXPECT_GT(checked, 100) << what;
+}
+
+TEST(RenderImageArea, EveryPixelIsThatOfInterpolate2d)
+{
+    plane_layout(9, 7, 5, 1, 1, 1, 1);
+    std::mt19937 rng{3};
+    std::uniform_real_distribution<float> u(-20.0f, 300.0f);
+    for (int i = 0; i < image_stack.n3d; i++) image_stack.SpaceTime.fData[i] = u(rng);
+    image_stack.SpaceTime.fData[3] = -0.0f;
+    image_stack.SpaceTime.fData[4] = NAN;
+    static int shown[5] = {1, 1, 1, 1, 1};
+    mosaic.display_slice = shown;
+    mosaic.DimPanels = {3, 2, 5};
+    mosaic.ImageRegionPixels = {3 * 9 + 4, 2 * 7 + 3};
+    image_scale_min = 10.0f;
+    image_scale_max = 200.0f;
+    expect_general_pixels("grey mosaic");
+    std::vector<float> weight(image_stack.n3d, 0.0f);
+    std::vector<short> colour(image_stack.n3d, 0);
+    weight[5] = 0.5f;
+    weight[40] = 1.0f;
+    colour[40] = 3;
+    overlay_map.weight = weight.data();
+    overlay_map.color = colour.data();
+    expect_general_pixels("overlay weights");
+    overlay_map.weight = NULL;
+    overlay_map.color = NULL;
+    mosaic.display_crosshairs = 1;
+    mosaic.icross = {4, 3, 2};
+    expect_general_pixels("crosshair style 1");
+    mosaic.display_crosshairs = 0;
+    activation_scheme(0, -1.0f, 5.0f);  // two-sided scheme, negative low threshold: 0 is activated
+    mosaic.activation.visible = 1;
+    expect_general_pixels("activated at 0");
+    mosaic.activation = {};
+    mosaic.interpolate = 1;
+    mosaic.zoom = 2;
+    mosaic.ImageRegionPixels = {(3 * 9 + 4) * 2, (2 * 7 + 3) * 2};
+    expect_general_pixels("interpolated, zoom 2");
+    mosaic.interpolate = 0;
+    mosaic.zoom = 1;
+    mosaic.display_3orthogonal = 1;
+    mosaic.ImageRegionPixels = {9 + 3 + 7, 7 + 3 + 5};
+    expect_general_pixels("three planes");
+    free_stack(&image_stack);
+}
+
 /* ---- keys and window rules ---- */
 
 TEST(ContrastDrag, OneAxisIsAClick)
