@@ -13,6 +13,7 @@
 #include "numerics.h"
 #include "threads.h"
 #include "volume.h"
+#include "voxel_walk.h"
 
 int apply_kernel_from_name(const char *name)
 {
@@ -26,18 +27,6 @@ void free_voxel_positions(voxel_positions *p)
 {
     if (p->xyz != NULL) free_float_vector(p->xyz);
     p->xyz = NULL;
-}
-
-/* (x,y,z,1) through rows 0..2 of m, each row summed in float over the four columns in order:
-   the arithmetic of apply_mat44 and of transform_coordinates. */
-static inline POINT3D apply_rows(const float m[4][4], float x, float y, float z)
-{
-    POINT3D r;
-    float s;
-    s = 0.0f; s += x * m[0][0]; s += y * m[0][1]; s += z * m[0][2]; s += 1.0f * m[0][3]; r.x = s;
-    s = 0.0f; s += x * m[1][0]; s += y * m[1][1]; s += z * m[1][2]; s += 1.0f * m[1][3]; r.y = s;
-    s = 0.0f; s += x * m[2][0]; s += y * m[2][1]; s += z * m[2][2]; s += 1.0f * m[2][3]; r.z = s;
-    return r;
 }
 
 /* The displacement maps when they exist on the template's grid; *maps NULL when they were never
@@ -289,18 +278,6 @@ int inverse_positions(IPOINT3D individual_dim, POINT3D individual_resolution, vo
 }
 
 /* ---- resampling ---- */
-
-static inline int wrap_once(int j, int n, int wraps)
-{
-    if (wraps) {
-        if (j < 0) j += n;
-        else if (j >= n) j -= n;
-    }
-    return j;
-}
-
-/* Positions beyond this many voxels count as off the grid (NaN too). */
-static const float far_off_grid = 1.0e8f;
 
 /* Samples of one axis: the grid indices (wrapped once) and weights, off-grid ones dropped. */
 static inline int axis_samples(float v, int n, int wraps, int kernel, int w, int *index, float *weight)

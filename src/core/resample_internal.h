@@ -6,6 +6,7 @@
 #include <cstddef>
 
 #include "types.h"
+#include "voxel_walk.h"
 
 /* Everything a range of slices needs, fixed for the whole call. */
 struct resample_setup {
@@ -25,18 +26,6 @@ struct resample_setup {
     float ijk_to_xyz[4][4], affine[4][4], xyz_to_ijk[4][4];
 };
 
-/* (x,y,z,1) through rows 0..2 of m, each row summed in float over the four columns in order:
-   the arithmetic of apply_mat44. */
-static inline POINT3D apply_rows(const float m[4][4], float x, float y, float z)
-{
-    POINT3D r;
-    float s;
-    s = 0.0f; s += x * m[0][0]; s += y * m[0][1]; s += z * m[0][2]; s += 1.0f * m[0][3]; r.x = s;
-    s = 0.0f; s += x * m[1][0]; s += y * m[1][1]; s += z * m[1][2]; s += 1.0f * m[1][3]; r.y = s;
-    s = 0.0f; s += x * m[2][0]; s += y * m[2][1]; s += z * m[2][2]; s += 1.0f * m[2][3]; r.z = s;
-    return r;
-}
-
 /* The kernels of numerics.cpp, Gauss(d, 0, sigma) and Lanczos_filter(n, d), with the same
    arithmetic, here so that they inline into the weight loops. */
 static inline float gauss_weight(float d, float sigma)
@@ -52,18 +41,6 @@ static inline float lanczos_weight(int n, float d)
     double px = 3.141592654 * d;
     return (float)(n * sin(px) * sin(px / n) / (px * px));
 }
-
-static inline int wrap_once(int j, int n, int wraps)
-{
-    if (wraps) {
-        if (j < 0) j += n;
-        else if (j >= n) j -= n;
-    }
-    return j;
-}
-
-/* Positions beyond this many voxels are treated as off the grid (also catches NaN). */
-static const float far_off_grid = 1.0e8f;
 
 /* Valid samples of one axis for one voxel: wrapped grid index and weight, in sample order. */
 struct axis_samples {
