@@ -53,12 +53,7 @@ int run_startup_steps(int number_panels, int batch_mode, char *ovl_name, char *w
 
     if (batch_mode) {
         recall_alignment_parameters();
-        calculate_orientation_rotation();
-        update_alignment(0);
-        AlignAid.iParameter = 0;
-        AlignAid.DisplaySet = 1;
-        show_alignment_info();
-        auto_adjust_affine_iterations(0, 3, 1);
+        batch_affine_alignment();
         /* a save that failed has printed why and kept the previous files */
         return save_alignment_parameters() != 0 ? 1 : 0;
     }

@@ -137,12 +137,27 @@ static void carry_field(float *const from[3], const grid_volume *gf, float *to[3
             }
 }
 
+double forward_jacobian(const float *const u[3], size_t i, size_t sy, size_t sz, POINT3D res)
+{
+    double J[3][3];
+    for (int c = 0; c < 3; c++) {
+        J[0][c] = (u[c][i + 1] - u[c][i]) / res.x;
+        J[1][c] = (u[c][i + sy] - u[c][i]) / res.y;
+        J[2][c] = (u[c][i + sz] - u[c][i]) / res.z;
+    }
+    J[0][0] += 1.0;
+    J[1][1] += 1.0;
+    J[2][2] += 1.0;
+    return J[0][0] * (J[1][1] * J[2][2] - J[1][2] * J[2][1]) -
+           J[0][1] * (J[1][0] * J[2][2] - J[1][2] * J[2][0]) +
+           J[0][2] * (J[1][0] * J[2][1] - J[1][1] * J[2][0]);
+}
+
 /* Voxels of the level's mask (inside set or its rim) whose Jacobian determinant of
    p -> p + u(p), by forward differences, is at most `limit`. */
 static long low_jacobians(const search_level *L, float *const u[3], double limit)
 {
     IPOINT3D d = L->tpl.dim;
-    POINT3D r = L->tpl.res;
     size_t sy = (size_t)d.x, sz = (size_t)d.x * d.y;
     long count = 0;
     for (int z = 0; z + 1 < d.z; z++)
@@ -150,19 +165,7 @@ static long low_jacobians(const search_level *L, float *const u[3], double limit
             for (int x = 0; x + 1 < d.x; x++) {
                 size_t i = (size_t)x + sy * y + sz * z;
                 if (L->support.data[i] == 0.0f) continue;
-                double J[3][3];
-                for (int c = 0; c < 3; c++) {
-                    J[0][c] = (u[c][i + 1] - u[c][i]) / r.x;
-                    J[1][c] = (u[c][i + sy] - u[c][i]) / r.y;
-                    J[2][c] = (u[c][i + sz] - u[c][i]) / r.z;
-                }
-                J[0][0] += 1.0;
-                J[1][1] += 1.0;
-                J[2][2] += 1.0;
-                double det = J[0][0] * (J[1][1] * J[2][2] - J[1][2] * J[2][1]) -
-                             J[0][1] * (J[1][0] * J[2][2] - J[1][2] * J[2][0]) +
-                             J[0][2] * (J[1][0] * J[2][1] - J[1][1] * J[2][0]);
-                if (det <= limit) count++;
+                if (forward_jacobian(u, i, sy, sz, L->tpl.res) <= limit) count++;
             }
     return count;
 }
@@ -263,18 +266,8 @@ int accurate_nonlinear_search(accurate_nonlinear_report *report)
     memset(report, 0, sizeof *report);
     grid_volume tpl = volume_of(&template_, iTime_Template), ind = volume_of(&original, graph.iTime);
     size_t nt = grid_size(tpl.dim);
-    grid_volume mask = tpl;
-    mask.data = float_vector((int)nt);
-    long ntaking = 0;
-    for (size_t i = 0; i < nt; i++) {
-        mask.data[i] = tpl.data[i] != 0.0f ? 1.0f : 0.0f;
-        ntaking += tpl.data[i] != 0.0f;
-    }
-    if (ntaking == 0) {
-        printf("Error: the template has no non-zero voxel to compare.\n");
-        free_float_vector(mask.data);
-        return 1;
-    }
+    grid_volume mask;
+    if (template_mask(&tpl, &mask) != 0) return 1;
     /* Levels at 4, 2 and 1 times a base voxel: the template's, doubled while the shortest axis
        would have more than 256 voxels (a finer field is interpolated onto the template's grid),
        each coarse level keeping at least 16 voxels along every axis. */

@@ -166,6 +166,15 @@ static double mapping_change(const search_level *L, const double dA[12])
     return s > 0.0 ? sqrt(s) : 0.0;
 }
 
+/* The indices j with active[j] set, in increasing order; returns how many. */
+static int active_indices(const int active[12], int idx[12])
+{
+    int n = 0;
+    for (int j = 0; j < 12; j++)
+        if (active[j]) idx[n++] = j;
+    return n;
+}
+
 /* Gauss-Newton (Levenberg-Marquardt damped) steps on level L over the parameters with
    active[j] set, until a step moves the mapping by less than tolerance_mm (RMS over the level's
    voxels), no step lowers the loss, or max_steps were taken. Returns the steps accepted;
@@ -177,9 +186,7 @@ static int run_level_steps(search_level *L, const int active[12], int kernel, in
     engine_state saved;
     enter_level(&saved, L, &L->support, scratch, NULL);
     const float *I = individual.SpaceTime.fData;
-    int idx[12], n = 0;
-    for (int j = 0; j < 12; j++)
-        if (active[j]) idx[n++] = j;
+    int idx[12], n = active_indices(active, idx);
     remap_table m;
     step_sums S, trial;
     double lambda = 1e-3, c = 1.0;
@@ -400,9 +407,7 @@ static int run_mi_steps(search_level *L, const int active[12], int kernel, int m
     engine_state saved;
     enter_level(&saved, L, &L->support, scratch, NULL);
     const float *I = individual.SpaceTime.fData;
-    int idx[12], n = 0;
-    for (int j = 0; j < 12; j++)
-        if (active[j]) idx[n++] = j;
+    int idx[12], n = active_indices(active, idx);
     transform_coordinates(1, kernel);
     mi_bins bins;
     choose_bins(L, I, &bins);
@@ -585,19 +590,8 @@ int accurate_affine_search(int search_orientation, accurate_search_report *repor
 {
     memset(report, 0, sizeof *report);
     grid_volume tpl = volume_of(&template_, iTime_Template), ind = volume_of(&original, graph.iTime);
-    size_t nt = grid_size(tpl.dim);
-    grid_volume mask = tpl;
-    mask.data = float_vector((int)nt);
-    long ntaking = 0;
-    for (size_t i = 0; i < nt; i++) {
-        mask.data[i] = tpl.data[i] != 0.0f ? 1.0f : 0.0f;
-        ntaking += tpl.data[i] != 0.0f;
-    }
-    if (ntaking == 0) {
-        printf("Error: the template has no non-zero voxel to compare.\n");
-        free_float_vector(mask.data);
-        return 1;
-    }
+    grid_volume mask;
+    if (template_mask(&tpl, &mask) != 0) return 1;
 
     /* levels: the template's voxels grouped by 8, 4, 2 and 1, keeping at least 16 voxels along
        every axis at the coarse levels */

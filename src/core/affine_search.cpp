@@ -263,6 +263,16 @@ int adjust_affine_1pass(int icost, int ilevel)
     return changed;
 }
 
+void batch_affine_alignment(void)
+{
+    calculate_orientation_rotation();
+    update_alignment(0);
+    AlignAid.iParameter = 0;
+    AlignAid.DisplaySet = 1;
+    show_alignment_info();
+    auto_adjust_affine_iterations(0, 3, 1);
+}
+
 void auto_adjust_affine_iterations(int icost, int ilevel_max, int ilevel_min)
 {
     char text[1024];

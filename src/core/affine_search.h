@@ -11,6 +11,10 @@ void action_auto_adjust_affine(int button);
    information, otherwise normalized correlation. Thresholds on a cycle's relative gain: 0.05,
    or at level 1 0.005 when ilevel_max is 1 and 0.02 otherwise. */
 void auto_adjust_affine_iterations(int icost, int ilevel_max, int ilevel_min);
+/* The affine alignment of align -a from the parameters in force: the orientation rotation and
+   the alignment brought up to date, parameter 0 selected, the individual shown, then the levels
+   3 down to 1 on mutual information. */
+void batch_affine_alignment(void);
 /* One pass over the adjustable parameters from the same starting values; all move together
    by their best offsets weighted by gain / norm of gains. Returns 1 when a move reached an
    eighth of the level's starting increment; smaller moves freeze their parameter. */

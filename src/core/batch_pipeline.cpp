@@ -197,18 +197,7 @@ static void deformation_statistics(batch_record *r)
             for (int x = 0; x + 1 < d.x; x++) {
                 size_t i = (size_t)x + sy * y + sz * z;
                 if (t[i] == 0.0f) continue;
-                double J[3][3];
-                for (int c = 0; c < 3; c++) {
-                    J[0][c] = (u[c][i + 1] - u[c][i]) / res.x;
-                    J[1][c] = (u[c][i + sy] - u[c][i]) / res.y;
-                    J[2][c] = (u[c][i + sz] - u[c][i]) / res.z;
-                }
-                J[0][0] += 1.0;
-                J[1][1] += 1.0;
-                J[2][2] += 1.0;
-                double det = J[0][0] * (J[1][1] * J[2][2] - J[1][2] * J[2][1]) -
-                             J[0][1] * (J[1][0] * J[2][2] - J[1][2] * J[2][0]) +
-                             J[0][2] * (J[1][0] * J[2][1] - J[1][1] * J[2][0]);
+                double det = forward_jacobian(u, i, sy, sz, res);
                 if (det <= 0.0) r->folded_voxels++;
                 if (det <= 0.2) r->low_jacobian_voxels++;
                 if (det < r->jacobian_min) r->jacobian_min = (float)det;
@@ -268,12 +257,7 @@ static void absolute_name(const char *name, char out[1024])
 static void specified_affine(batch_record *r)
 {
     /* align -a after its (here absent) align.com */
-    calculate_orientation_rotation();
-    update_alignment(0);
-    AlignAid.iParameter = 0;
-    AlignAid.DisplaySet = 1;
-    show_alignment_info();
-    auto_adjust_affine_iterations(0, 3, 1);
+    batch_affine_alignment();
     add_level(r, "affine", Alignment.resolution.x, Alignment.dimension, 0, 0, NAN, 0.0);
 }
 

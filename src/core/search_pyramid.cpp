@@ -378,6 +378,25 @@ grid_volume volume_of(const data_stack *s, int t)
     return g;
 }
 
+int template_mask(const grid_volume *tpl, grid_volume *mask)
+{
+    size_t nt = grid_size(tpl->dim);
+    *mask = *tpl;
+    mask->data = float_vector((int)nt);
+    long ntaking = 0;
+    for (size_t i = 0; i < nt; i++) {
+        mask->data[i] = tpl->data[i] != 0.0f ? 1.0f : 0.0f;
+        ntaking += tpl->data[i] != 0.0f;
+    }
+    if (ntaking == 0) {
+        printf("Error: the template has no non-zero voxel to compare.\n");
+        free_float_vector(mask->data);
+        mask->data = NULL;
+        return 1;
+    }
+    return 0;
+}
+
 int centre_of_mass(const grid_volume *g, double c[3])
 {
     size_t n = grid_size(g->dim);

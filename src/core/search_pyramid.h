@@ -19,6 +19,10 @@ size_t grid_size(IPOINT3D d);
 void free_grid(grid_volume *g);
 /* Volume t of a stack, borrowed (not copied). */
 grid_volume volume_of(const data_stack *s, int t);
+/* The voxels of the template that take part: mask gets tpl's grid and a new volume of 1 where
+   tpl is non-zero, 0 elsewhere (free_float_vector(mask->data) when done). 0, or 1 after a
+   message (and nothing to free) when the template has no non-zero voxel. */
+int template_mask(const grid_volume *tpl, grid_volume *mask);
 /* out = in reduced to new_dim by a separable Gaussian of FWHM equal to the size ratio per axis,
    the grids sharing their centre (a copy when the grid is the same); non-finite values count as
    0. The voxel size grows by the ratio. */

@@ -163,6 +163,55 @@ TEST(ReduceGrid, AveragesKeepARampAndTheGridCentre)
     free_float_vector(in.data);
 }
 
+TEST(TemplateMask, MarksNonZeroVoxelsAndRefusesAnEmptyTemplate)
+{
+    float values[4] = {0.0f, 3.0f, -1.0f, 0.0f};
+    grid_volume tpl = {{2, 2, 1}, {1.5f, 2.0f, 3.0f}, values};
+    grid_volume mask;
+    ASSERT_EQ(template_mask(&tpl, &mask), 0);
+    EXPECT_EQ(mask.dim.x, 2);
+    EXPECT_EQ(mask.dim.y, 2);
+    EXPECT_EQ(mask.dim.z, 1);
+    EXPECT_EQ(mask.res.y, 2.0f);
+    EXPECT_NE(mask.data, values);
+    const float expected[4] = {0.0f, 1.0f, 1.0f, 0.0f};
+    for (int i = 0; i < 4; i++) EXPECT_EQ(mask.data[i], expected[i]) << i;
+    free_float_vector(mask.data);
+
+    values[1] = values[2] = 0.0f;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(template_mask(&tpl, &mask), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error: the template has no non-zero voxel to compare.\n");
+    EXPECT_EQ(mask.data, nullptr);
+}
+
+TEST(ForwardJacobian, DeterminantOfALinearFieldOnAnAnisotropicGrid)
+{
+    // u_x = 0.5 X + 0.5 Y, u_y = X + 0.25 Z, u_z = -0.5 Z (mm, voxels of 2 x 1 x 0.5 mm). The
+    // mapping's derivative, rows d/dX d/dY d/dZ: (1.5 1 0), (0.5 1 0), (0 0.25 0.5), whose
+    // determinant is 1.5 (0.5 - 0) - 1 (0.25 - 0) = 0.5 at every voxel.
+    const POINT3D res = {2.0f, 1.0f, 0.5f};
+    std::vector<float> ux(27), uy(27), uz(27);
+    for (int z = 0; z < 3; z++)
+        for (int y = 0; y < 3; y++)
+            for (int x = 0; x < 3; x++) {
+                int i = x + 3 * y + 9 * z;
+                float X = x * res.x, Y = y * res.y, Z = z * res.z;
+                ux[i] = 0.5f * X + 0.5f * Y;
+                uy[i] = X + 0.25f * Z;
+                uz[i] = -0.5f * Z;
+            }
+    const float *u[3] = {ux.data(), uy.data(), uz.data()};
+    EXPECT_DOUBLE_EQ(forward_jacobian(u, 0, 3, 9, res), 0.5);
+    EXPECT_DOUBLE_EQ(forward_jacobian(u, 13, 3, 9, res), 0.5);
+    // a compression beyond the voxel along x folds it: 1 - 1.5 = -0.5 times the rest
+    for (int i = 0; i < 27; i++) {
+        ux[i] = -1.5f * (float)(i % 3) * res.x;
+        uy[i] = uz[i] = 0.0f;
+    }
+    EXPECT_DOUBLE_EQ(forward_jacobian(u, 13, 3, 9, res), -0.5);
+}
+
 TEST(RemappedResidual, TableFollowsAnInvertedContrastAndBiweightDropsOutliers)
 {
     const float identity[12] = {0, 0, 0, 0, 0, 0, 1, 1, 1, 0, 0, 0};
