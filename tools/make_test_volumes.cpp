@@ -208,6 +208,18 @@ static void print_parameters(const char *title, const float p[12])
            p[1], p[2], p[3], p[4], p[5], p[6], p[7], p[8], p[9], p[10], p[11]);
 }
 
+/* The voxel mapping of parameters p on volume in and its inverse; 1 after a message when it is
+   singular. */
+static int invertible_mapping(const float p[12], const data_stack &in, dmat map, dmat inverse)
+{
+    voxel_mapping(p, 1, in, map);
+    if (invert(map, inverse)) {
+        printf("Error: the parameters give a singular mapping\n");
+        return 1;
+    }
+    return 0;
+}
+
 static int command_moved(int argc, char **argv)
 {
     float p[12];
@@ -219,11 +231,7 @@ static int command_moved(int argc, char **argv)
     memset(&in, 0, sizeof in);
     if (read_volume(argv[2], &in)) return 1;
     dmat map, inverse;
-    voxel_mapping(p, 1, in, map);
-    if (invert(map, inverse)) {
-        printf("Error: the parameters give a singular mapping\n");
-        return 1;
-    }
+    if (invertible_mapping(p, in, map, inverse)) return 1;
     std::vector<float> out((size_t)in.n3d, 0.0f);
     for (int z = 0; z < in.dim.z; z++)
         for (int y = 0; y < in.dim.y; y++)
@@ -394,29 +402,33 @@ static void true_voxel_map(const dmat map, double amp, const data_stack &g, int 
     v[2] += d[2] / g.resolution.z;
 }
 
-/* warped <in> <out> amp params: out(q) = in(p) where q is the true image of p. */
-static int command_warped(int argc, char **argv)
+/* The arguments of "<volume> <out> amp params": the parameters, the warp's amplitude and the
+   volume read; 1 after the usage or the read's message. */
+static int warp_arguments(int argc, char **argv, float p[12], double *amp, data_stack *volume)
 {
-    float p[12];
     char *end;
     if (argc < 5 || read_parameters(argc, argv, 5, p)) {
         usage();
         return 1;
     }
-    double amp = strtod(argv[4], &end);
+    *amp = strtod(argv[4], &end);
     if (*end != '\0') {
         usage();
         return 1;
     }
+    memset(volume, 0, sizeof *volume);
+    return read_volume(argv[2], volume);
+}
+
+/* warped <in> <out> amp params: out(q) = in(p) where q is the true image of p. */
+static int command_warped(int argc, char **argv)
+{
+    float p[12];
+    double amp;
     data_stack in;
-    memset(&in, 0, sizeof in);
-    if (read_volume(argv[2], &in)) return 1;
+    if (warp_arguments(argc, argv, p, &amp, &in)) return 1;
     dmat map, inverse;
-    voxel_mapping(p, 1, in, map);
-    if (invert(map, inverse)) {
-        printf("Error: the parameters give a singular mapping\n");
-        return 1;
-    }
+    if (invertible_mapping(p, in, map, inverse)) return 1;
     std::vector<float> out((size_t)in.n3d, 0.0f);
     for (int z = 0; z < in.dim.z; z++)
         for (int y = 0; y < in.dim.y; y++)
@@ -445,19 +457,9 @@ static int command_warped(int argc, char **argv)
 static int command_truth_field(int argc, char **argv)
 {
     float p[12];
-    char *end;
-    if (argc < 5 || read_parameters(argc, argv, 5, p)) {
-        usage();
-        return 1;
-    }
-    double amp = strtod(argv[4], &end);
-    if (*end != '\0') {
-        usage();
-        return 1;
-    }
+    double amp;
     data_stack tpl;
-    memset(&tpl, 0, sizeof tpl);
-    if (read_volume(argv[2], &tpl)) return 1;
+    if (warp_arguments(argc, argv, p, &amp, &tpl)) return 1;
     dmat map;
     voxel_mapping(p, 1, tpl, map);
     size_t n = (size_t)tpl.n3d;
