@@ -4,13 +4,7 @@
    it provably equals the plain sequential one (exact_round.h); otherwise, and for every voxel
    whose samples wrap or leave the grid, the plain arithmetic runs. Every function here carries
    the target attribute and is called only when simd_level() says AVX-512. No globals, no X11. */
-/* GCC 12's AVX-512 headers start some intrinsics from a self-initialised "undefined" value,
-   which -Wuninitialized reports at every use (GCC bug 105593). */
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#include <immintrin.h>
-#pragma GCC diagnostic pop
+#include "avx512_target.h"
 
 #include <cfloat>
 #include <cstdint>
@@ -18,8 +12,6 @@
 
 #include "exact_round.h"
 #include "resample_internal.h"
-
-#define AVX512_TARGET __attribute__((target("avx512f,avx512vl,avx512dq,avx512bw,fma")))
 
 namespace {
 

@@ -4,22 +4,35 @@
    16 at a time with the plain float arithmetic. Every function carries the target attribute and
    is called only when simd_level() says AVX-512. No globals, no X11. */
 
-/* GCC 12's AVX-512 headers start some intrinsics from a self-initialised "undefined" value,
-   which -Wuninitialized reports at every use (GCC bug 105593). */
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#include <immintrin.h>
-#pragma GCC diagnostic pop
+#include "avx512_target.h"
 
 #include <cmath>
 #include <cstring>
 
 #include "similarity_internal.h"
 
-#define AVX512_TARGET __attribute__((target("avx512f,avx512vl,avx512dq,avx512bw,fma")))
-
 namespace {
+
+/* Counts bins idx[0..k-1] into four histograms taken in turn, so that equal neighbouring bins
+   do not wait on each other. */
+inline void count_bins(int counts[4][NBINS * NBINS], const int *idx, int k)
+{
+    int j = 0;
+    for (; j + 4 <= k; j += 4) {
+        counts[0][idx[j]]++;
+        counts[1][idx[j + 1]]++;
+        counts[2][idx[j + 2]]++;
+        counts[3][idx[j + 3]]++;
+    }
+    for (; j < k; j++) counts[0][idx[j]]++;
+}
+
+/* The four histograms added into the joint counts. */
+inline void add_counts(const int counts[4][NBINS * NBINS], long long *joint)
+{
+    for (int b = 0; b < NBINS * NBINS; b++)
+        joint[b] += (long long)counts[0][b] + counts[1][b] + counts[2][b] + counts[3][b];
+}
 
 /* The taking-part lanes of the 16 voxels at v (fewer at the end), and their values. */
 AVX512_TARGET inline __mmask16 taking_part(const float *tpl, const float *ind, size_t v, size_t n, __m512 *t,
@@ -83,7 +96,6 @@ AVX512_TARGET void joint_counts_avx512(const float *tpl, const float *ind, size_
                                        float av_t, float vmin, float vmax, long long *joint)
 {
     /* four histograms taken in turn, so that equal neighbouring bins do not wait on each other */
-    const int nb = NBINS * NBINS;
     int counts[4][NBINS * NBINS];
     memset(counts, 0, sizeof counts);
     const __m512 avi = _mm512_set1_ps(av_i), avt = _mm512_set1_ps(av_t);
@@ -98,16 +110,9 @@ AVX512_TARGET void joint_counts_avx512(const float *tpl, const float *ind, size_
         __m512i at = _mm512_add_epi32(_mm512_mullo_epi32(bi, _mm512_set1_epi32(NBINS)), bt);
         _mm512_store_si512(idx, _mm512_maskz_compress_epi32(m, at));
         int k = __builtin_popcount((unsigned)m);
-        int j = 0;
-        for (; j + 4 <= k; j += 4) {
-            counts[0][idx[j]]++;
-            counts[1][idx[j + 1]]++;
-            counts[2][idx[j + 2]]++;
-            counts[3][idx[j + 3]]++;
-        }
-        for (; j < k; j++) counts[0][idx[j]]++;
+        count_bins(counts, idx, k);
     }
-    for (int b = 0; b < nb; b++) joint[b] += (long long)counts[0][b] + counts[1][b] + counts[2][b] + counts[3][b];
+    add_counts(counts, joint);
 }
 
 AVX512_TARGET void correlation_sums_avx512(const float *tpl, const float *ind, size_t n, float sums[4])
@@ -161,7 +166,6 @@ AVX512_TARGET void ordered_sum_avx512(const float *v, size_t n, float *sum, floa
 AVX512_TARGET void joint_counts_listed_avx512(const float *ind, const float *tsc, size_t first, size_t last, float av_i,
                                               float vmin, float vmax, long long *joint)
 {
-    const int nb = NBINS * NBINS;
     int counts[4][NBINS * NBINS];
     memset(counts, 0, sizeof counts);
     const __m512 avi = _mm512_set1_ps(av_i);
@@ -173,14 +177,7 @@ AVX512_TARGET void joint_counts_listed_avx512(const float *ind, const float *tsc
         __m512i bi = bins16(_mm512_div_ps(_mm512_maskz_loadu_ps(m, ind + k), avi), lo, range);
         __m512i bt = bins16(_mm512_maskz_loadu_ps(m, tsc + k), lo, range);
         _mm512_store_si512(idx, _mm512_add_epi32(_mm512_mullo_epi32(bi, _mm512_set1_epi32(NBINS)), bt));
-        int j = 0;
-        for (; j + 4 <= n; j += 4) {
-            counts[0][idx[j]]++;
-            counts[1][idx[j + 1]]++;
-            counts[2][idx[j + 2]]++;
-            counts[3][idx[j + 3]]++;
-        }
-        for (; j < n; j++) counts[0][idx[j]]++;
+        count_bins(counts, idx, n);
     }
-    for (int b = 0; b < nb; b++) joint[b] += (long long)counts[0][b] + counts[1][b] + counts[2][b] + counts[3][b];
+    add_counts(counts, joint);
 }
