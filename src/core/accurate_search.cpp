@@ -46,16 +46,8 @@ static void accumulate(const search_level *L, const float *I, const remap_table 
     const size_t sx = 1, sy = (size_t)nx, sz = (size_t)nx * ny;
     /* the individual's gradient in its own space is the transposed inverse of the linear block
        applied to the gradient of the resampled volume on the template grid */
-    double A[3][3], inv[3][3];
-    for (int a = 0; a < 3; a++)
-        for (int b = 0; b < 3; b++) A[a][b] = Alignment.Affine[a][b];
-    double det = A[0][0] * (A[1][1] * A[2][2] - A[1][2] * A[2][1]) - A[0][1] * (A[1][0] * A[2][2] - A[1][2] * A[2][0]) +
-                 A[0][2] * (A[1][0] * A[2][1] - A[1][1] * A[2][0]);
-    for (int r = 0; r < 3; r++)
-        for (int q = 0; q < 3; q++) {
-            int r1 = (q + 1) % 3, r2 = (q + 2) % 3, c1 = (r + 1) % 3, c2 = (r + 2) % 3;
-            inv[r][q] = det != 0.0 ? (A[r1][c1] * A[r2][c2] - A[r1][c2] * A[r2][c1]) / det : 0.0;
-        }
+    double inv[3][3];
+    affine_linear_inverse(inv);
     std::vector<step_sums> part((size_t)nz);
     parallel_ranges(nz, [&](int z0, int z1) {
         for (int z = z0; z < z1; z++) {

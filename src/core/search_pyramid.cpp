@@ -397,6 +397,20 @@ int template_mask(const grid_volume *tpl, grid_volume *mask)
     return 0;
 }
 
+void affine_linear_inverse(double inv[3][3])
+{
+    double A[3][3];
+    for (int a = 0; a < 3; a++)
+        for (int b = 0; b < 3; b++) A[a][b] = Alignment.Affine[a][b];
+    double det = A[0][0] * (A[1][1] * A[2][2] - A[1][2] * A[2][1]) - A[0][1] * (A[1][0] * A[2][2] - A[1][2] * A[2][0]) +
+                 A[0][2] * (A[1][0] * A[2][1] - A[1][1] * A[2][0]);
+    for (int r = 0; r < 3; r++)
+        for (int q = 0; q < 3; q++) {
+            int r1 = (q + 1) % 3, r2 = (q + 2) % 3, c1 = (r + 1) % 3, c2 = (r + 2) % 3;
+            inv[r][q] = det != 0.0 ? (A[r1][c1] * A[r2][c2] - A[r1][c2] * A[r2][c1]) / det : 0.0;
+        }
+}
+
 int centre_of_mass(const grid_volume *g, double c[3])
 {
     size_t n = grid_size(g->dim);

@@ -105,6 +105,11 @@ inline double biweight_loss(double r, double c, double *weight)
     return c * c / 6.0 * (1.0 - one * one * one);
 }
 
+/* The inverse of the linear block of Alignment.Affine, by cofactors over the determinant (all
+   zeros when it is singular). Its transpose takes the gradient of a volume resampled on the
+   template grid to the individual's gradient in its own space. */
+void affine_linear_inverse(double inv[3][3]);
+
 /* Centre of mass (centred mm) of the voxels above the volume's mean value, weighted by value.
    1 when there is none. */
 int centre_of_mass(const grid_volume *g, double c[3]);

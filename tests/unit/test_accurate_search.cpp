@@ -185,6 +185,31 @@ TEST(TemplateMask, MarksNonZeroVoxelsAndRefusesAnEmptyTemplate)
     EXPECT_EQ(mask.data, nullptr);
 }
 
+TEST(AffineLinearInverse, UndoesAShearedScalingAndIsZeroWhenSingular)
+{
+    float saved[4][4];
+    memcpy(saved, Alignment.Affine, sizeof saved);
+    const float A[3][3] = {{2.0f, 1.0f, 0.0f}, {0.0f, 4.0f, 0.5f}, {1.0f, 0.0f, 0.5f}};
+    for (int r = 0; r < 3; r++)
+        for (int c = 0; c < 3; c++) Alignment.Affine[r][c] = A[r][c];
+    Alignment.Affine[0][3] = 7.0f;  // the translation takes no part
+    double inv[3][3];
+    affine_linear_inverse(inv);
+    for (int r = 0; r < 3; r++)
+        for (int c = 0; c < 3; c++) {
+            double p = 0.0;
+            for (int k = 0; k < 3; k++) p += A[r][k] * inv[k][c];
+            EXPECT_NEAR(p, r == c ? 1.0 : 0.0, 1e-12) << r << " " << c;
+        }
+    // the determinant is 2 (2 - 0) - 1 (0 - 0.5) + 0 = 4.5, so inv[0][0] = (4 * 0.5 - 0.5 * 0) / 4.5
+    EXPECT_NEAR(inv[0][0], 2.0 / 4.5, 1e-15);
+    for (int c = 0; c < 3; c++) Alignment.Affine[2][c] = 0.0f;
+    affine_linear_inverse(inv);
+    for (int r = 0; r < 3; r++)
+        for (int c = 0; c < 3; c++) EXPECT_EQ(inv[r][c], 0.0);
+    memcpy(Alignment.Affine, saved, sizeof saved);
+}
+
 TEST(ForwardJacobian, DeterminantOfALinearFieldOnAnAnisotropicGrid)
 {
     // u_x = 0.5 X + 0.5 Y, u_y = X + 0.25 Z, u_z = -0.5 Z (mm, voxels of 2 x 1 x 0.5 mm). The
