@@ -18,33 +18,6 @@
 
 namespace {
 
-// Reads a uint8 NIfTI volume and averages f x f x f blocks (an odd last plane is dropped).
-bool read_reduced(const char *name, int f, BrainGrid *g)
-{
-    nifti_image *im = nifti_image_read(name, 1);
-    if (im == NULL) return false;
-    if (im->datatype != DT_UINT8) {
-        nifti_image_free(im);
-        return false;
-    }
-    const unsigned char *d = (const unsigned char *)im->data;
-    int NX = im->nx, NY = im->ny;
-    g->nx = im->nx / f;
-    g->ny = im->ny / f;
-    g->nz = im->nz / f;
-    g->v.assign((size_t)g->nx * g->ny * g->nz, 0.0f);
-    for (int z = 0; z < g->nz; z++)
-        for (int y = 0; y < g->ny; y++)
-            for (int x = 0; x < g->nx; x++) {
-                float s = 0;
-                for (int c = 0; c < f * f * f; c++)
-                    s += d[((size_t)(f * z + c / (f * f)) * NY + f * y + (c / f) % f) * NX + f * x + c % f];
-                g->v[((size_t)z * g->ny + y) * g->nx + x] = s / (float)(f * f * f);
-            }
-    nifti_image_free(im);
-    return true;
-}
-
 BrainWarp make_warp()
 {
     BrainWarp w;
@@ -107,6 +80,32 @@ void load_stack(data_stack *s, const BrainGrid &g, int mm, const char *name)
 }
 
 }  // namespace
+
+bool read_reduced(const char *name, int f, BrainGrid *g)
+{
+    nifti_image *im = nifti_image_read(name, 1);
+    if (im == NULL) return false;
+    if (im->datatype != DT_UINT8) {
+        nifti_image_free(im);
+        return false;
+    }
+    const unsigned char *d = (const unsigned char *)im->data;
+    int NX = im->nx, NY = im->ny;
+    g->nx = im->nx / f;
+    g->ny = im->ny / f;
+    g->nz = im->nz / f;
+    g->v.assign((size_t)g->nx * g->ny * g->nz, 0.0f);
+    for (int z = 0; z < g->nz; z++)
+        for (int y = 0; y < g->ny; y++)
+            for (int x = 0; x < g->nx; x++) {
+                float s = 0;
+                for (int c = 0; c < f * f * f; c++)
+                    s += d[((size_t)(f * z + c / (f * f)) * NY + f * y + (c / f) % f) * NX + f * x + c % f];
+                g->v[((size_t)z * g->ny + y) * g->nx + x] = s / (float)(f * f * f);
+            }
+    nifti_image_free(im);
+    return true;
+}
 
 void brain_warp_inverse(const BrainWarp &w, const double x[3], double y[3])
 {

@@ -24,6 +24,10 @@ struct BrainCase {
     BrainWarp warp;
 };
 
+/* Reads a uint8 NIfTI volume and averages f x f x f blocks (an odd last plane is dropped);
+   false when it cannot be read or holds another type. */
+bool read_reduced(const char *name, int f, BrainGrid *g);
+
 /* Reads the pair (Debian mricron-data) and warps the individual; false when the files are
    missing. */
 bool make_brain_case(int voxel_mm, BrainCase *c);

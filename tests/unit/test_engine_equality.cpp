@@ -13,9 +13,8 @@
 #include <string>
 #include <vector>
 
-#include <nifti1_io.h>
-
 #include "align_model.h"
+#include "brain_case.h"
 #include "filters.h"
 #include "globals.h"
 #include "nl_model.h"
@@ -36,25 +35,10 @@ const char *ch2bet_file = "/usr/share/mricron/templates/ch2bet.nii.gz";
 // A uint8 NIfTI volume averaged over f x f x f blocks, as a stack of f mm voxels.
 bool load_reduced(const char *name, int f, data_stack *s)
 {
-    nifti_image *im = nifti_image_read(name, 1);
-    if (im == NULL) return false;
-    if (im->datatype != DT_UINT8) {
-        nifti_image_free(im);
-        return false;
-    }
-    const unsigned char *d = (const unsigned char *)im->data;
-    int NX = im->nx, NY = im->ny;
-    int nx = im->nx / f, ny = im->ny / f, nz = im->nz / f;
-    make_stack(s, nx, ny, nz, 1, (float)f, (float)f, (float)f);
-    for (int z = 0; z < nz; z++)
-        for (int y = 0; y < ny; y++)
-            for (int x = 0; x < nx; x++) {
-                float sum = 0;
-                for (int c = 0; c < f * f * f; c++)
-                    sum += d[((size_t)(f * z + c / (f * f)) * NY + f * y + (c / f) % f) * NX + f * x + c % f];
-                s->SpaceTime.fData[((size_t)z * ny + y) * nx + x] = sum / (float)(f * f * f);
-            }
-    nifti_image_free(im);
+    BrainGrid g;
+    if (!read_reduced(name, f, &g)) return false;
+    make_stack(s, g.nx, g.ny, g.nz, 1, (float)f, (float)f, (float)f);
+    memcpy(s->SpaceTime.fData, g.v.data(), sizeof(float) * g.v.size());
     return true;
 }
 
