@@ -82,12 +82,6 @@ AVX512_TARGET inline __m512 gauss16(__m512 d, __m512d c, __m512d tab0, __m512d t
 
 AVX512_TARGET inline double hsum(__m512d v) { return _mm512_reduce_add_pd(v); }
 
-AVX512_TARGET inline double hsum4(__m256d v)
-{
-    __m128d h = _mm_add_pd(_mm256_castpd256_pd128(v), _mm256_extractf128_pd(v, 1));
-    return _mm_cvtsd_f64(_mm_add_sd(h, _mm_unpackhi_pd(h, h)));
-}
-
 /* The sums of one voxel whose samples are 4 per axis, all inside the grid: rows of 4 values
    taken two at a time. The weight of a sample is (wz*wx)*wy and its term value*weight, both in
    float exactly as in the plain sum; the terms are summed in double in another order. The
