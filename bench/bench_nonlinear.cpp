@@ -74,34 +74,6 @@ void set_level(int ilevel)
     transform_coordinates(1, 0);
 }
 
-// Everything a pass changes, to run it again from the same start.
-struct nl_state {
-    std::vector<float> dx, dy, dz, ind, value, increment;
-    std::vector<int> adjust;
-};
-
-void save_state(nl_state *s)
-{
-    size_t n3d = (size_t)template_.n3d, nc = 3 * (size_t)AlignNL.NBasis;
-    s->dx.assign(distort_x.SpaceTime.fData, distort_x.SpaceTime.fData + n3d);
-    s->dy.assign(distort_y.SpaceTime.fData, distort_y.SpaceTime.fData + n3d);
-    s->dz.assign(distort_z.SpaceTime.fData, distort_z.SpaceTime.fData + n3d);
-    s->ind.assign(individual.SpaceTime.fData, individual.SpaceTime.fData + n3d);
-    s->value.assign(AlignNL.value, AlignNL.value + nc);
-    s->increment.assign(AlignNL.increment, AlignNL.increment + nc);
-    s->adjust.assign(AlignNL.Adjust3D, AlignNL.Adjust3D + nc);
-}
-
-void restore_state(const nl_state &s)
-{
-    memcpy(distort_x.SpaceTime.fData, s.dx.data(), sizeof(float) * s.dx.size());
-    memcpy(distort_y.SpaceTime.fData, s.dy.data(), sizeof(float) * s.dy.size());
-    memcpy(distort_z.SpaceTime.fData, s.dz.data(), sizeof(float) * s.dz.size());
-    memcpy(individual.SpaceTime.fData, s.ind.data(), sizeof(float) * s.ind.size());
-    memcpy(AlignNL.value, s.value.data(), sizeof(float) * s.value.size());
-    memcpy(AlignNL.increment, s.increment.data(), sizeof(float) * s.increment.size());
-    memcpy(AlignNL.Adjust3D, s.adjust.data(), sizeof(int) * s.adjust.size());
-}
 
 // Runs f with standard output sent to /dev/null (the passes print their summaries).
 template <class F> void quietly(F f)
@@ -186,15 +158,15 @@ void BM_NonlinearPass(benchmark::State &state)
     }
     int ilevel = (int)state.range(0);
     set_level(ilevel);
-    nl_state start;
-    save_state(&start);
+    NlSearchState start;
+    save_nl_search_state(&start);
     for (auto _ : state) {
         quietly([&]() {
             float cost = cost_function_nonlinear(0, 0);
             adjust_nonlinear_1pass(ilevel, 1, 0, cost);
         });
         state.PauseTiming();
-        restore_state(start);
+        restore_nl_search_state(start);
         state.ResumeTiming();
     }
     double coefficients = 3.0 * AlignNL.NBasis * state.iterations();

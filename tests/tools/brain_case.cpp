@@ -160,3 +160,36 @@ void start_brain_case(const BrainCase &c)
     filter_image_data();
     transform_coordinates(1, 0);
 }
+
+static std::vector<float> volume_copy(const data_stack &s)
+{
+    return std::vector<float>(s.SpaceTime.fData, s.SpaceTime.fData + s.n3d);
+}
+
+static void restore_volume(data_stack *s, const std::vector<float> &v)
+{
+    memcpy(s->SpaceTime.fData, v.data(), sizeof(float) * v.size());
+}
+
+void save_nl_search_state(NlSearchState *s)
+{
+    size_t nc = 3 * (size_t)AlignNL.NBasis;
+    s->dx = volume_copy(distort_x);
+    s->dy = volume_copy(distort_y);
+    s->dz = volume_copy(distort_z);
+    s->ind = volume_copy(individual);
+    s->value.assign(AlignNL.value, AlignNL.value + nc);
+    s->increment.assign(AlignNL.increment, AlignNL.increment + nc);
+    s->adjust.assign(AlignNL.Adjust3D, AlignNL.Adjust3D + nc);
+}
+
+void restore_nl_search_state(const NlSearchState &s)
+{
+    restore_volume(&distort_x, s.dx);
+    restore_volume(&distort_y, s.dy);
+    restore_volume(&distort_z, s.dz);
+    restore_volume(&individual, s.ind);
+    memcpy(AlignNL.value, s.value.data(), sizeof(float) * s.value.size());
+    memcpy(AlignNL.increment, s.increment.data(), sizeof(float) * s.increment.size());
+    memcpy(AlignNL.Adjust3D, s.adjust.data(), sizeof(int) * s.adjust.size());
+}

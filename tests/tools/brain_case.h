@@ -41,3 +41,12 @@ void brain_warp_inverse(const BrainWarp &w, const double x[3], double y[3]);
 
 /* Centred position (mm) of a voxel of a grid of the case. */
 void brain_voxel_position(const BrainCase &c, const BrainGrid &g, int x, int y, int z, double p[3]);
+
+/* Everything a non-linear search changes: the three maps and the resampled individual, the
+   coefficients, their increments and adjust flags; saved to run a search again from one start. */
+struct NlSearchState {
+    std::vector<float> dx, dy, dz, ind, value, increment;
+    std::vector<int> adjust;
+};
+void save_nl_search_state(NlSearchState *s);
+void restore_nl_search_state(const NlSearchState &s);

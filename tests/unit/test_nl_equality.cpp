@@ -47,11 +47,6 @@ void expect_same_totals(const char *where)
     EXPECT_EQ(memcmp(&fast, ref, sizeof fast), 0) << where;
 }
 
-std::vector<float> copy_of(const data_stack &s)
-{
-    return std::vector<float>(s.SpaceTime.fData, s.SpaceTime.fData + s.n3d);
-}
-
 void expect_same_volume(const data_stack &s, const std::vector<float> &want, const char *what)
 {
     size_t differ = 0;
@@ -133,33 +128,7 @@ void select_coefficient(int c)
 }
 
 // Everything the search changes, to run the program's and the reference's search from one start.
-struct SearchState {
-    std::vector<float> dx, dy, dz, ind, value, increment;
-    std::vector<int> adjust;
-};
-
-void save_search_state(SearchState *s)
-{
-    size_t nc = 3 * (size_t)AlignNL.NBasis;
-    s->dx = copy_of(distort_x);
-    s->dy = copy_of(distort_y);
-    s->dz = copy_of(distort_z);
-    s->ind = copy_of(individual);
-    s->value.assign(AlignNL.value, AlignNL.value + nc);
-    s->increment.assign(AlignNL.increment, AlignNL.increment + nc);
-    s->adjust.assign(AlignNL.Adjust3D, AlignNL.Adjust3D + nc);
-}
-
-void restore_search_state(const SearchState &s)
-{
-    memcpy(distort_x.SpaceTime.fData, s.dx.data(), sizeof(float) * s.dx.size());
-    memcpy(distort_y.SpaceTime.fData, s.dy.data(), sizeof(float) * s.dy.size());
-    memcpy(distort_z.SpaceTime.fData, s.dz.data(), sizeof(float) * s.dz.size());
-    memcpy(individual.SpaceTime.fData, s.ind.data(), sizeof(float) * s.ind.size());
-    memcpy(AlignNL.value, s.value.data(), sizeof(float) * s.value.size());
-    memcpy(AlignNL.increment, s.increment.data(), sizeof(float) * s.increment.size());
-    memcpy(AlignNL.Adjust3D, s.adjust.data(), sizeof(int) * s.adjust.size());
-}
+using SearchState = NlSearchState;
 
 void expect_same_search_state(const SearchState &want)
 {
@@ -218,7 +187,7 @@ void expect_same_protocol(int c, int icost, std::mt19937 &rng)
 {
     select_coefficient(c);
     SearchState mirror;
-    save_search_state(&mirror);
+    save_nl_search_state(&mirror);
     EXPECT_SAME_FLOAT(cost_function_nonlinear(icost, 1), reference_cost_function_nonlinear(icost, 1));
     expect_same_totals("code 1");
     std::uniform_real_distribution<float> step(-1.5f, 1.5f);
@@ -238,7 +207,7 @@ void expect_same_protocol(int c, int icost, std::mt19937 &rng)
 void expect_same_pass(int ilevel, int ipass)
 {
     SearchState start, want;
-    save_search_state(&start);
+    save_nl_search_state(&start);
     DisplayHooks.show_on_info_line = record_info_line;
 
     info_texts.clear();
@@ -247,9 +216,9 @@ void expect_same_pass(int ilevel, int ipass)
     reference_adjust_nonlinear_1pass(ilevel, ipass, 0, c_ref);
     float end_ref = reference_cost_function_nonlinear(0, 0);
     std::string out_ref = testing::internal::GetCapturedStdout(), info_ref = info_texts;
-    save_search_state(&want);
+    save_nl_search_state(&want);
 
-    restore_search_state(start);
+    restore_nl_search_state(start);
     info_texts.clear();
     testing::internal::CaptureStdout();
     float c_fast = cost_function_nonlinear(0, 0);
